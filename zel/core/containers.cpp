@@ -1,0 +1,9 @@
+#include "zel/core/containers.h"
+
+#include "zel/core/error.h"
+
+namespace zel {
+
+void throwBadCollPosition() { throw CBadCollPositionError(); }
+
+}  // namespace zel

@@ -1,0 +1,8 @@
+#include "zel/core/zel_init_platform.h"
+
+namespace zel {
+
+// Linux has no process error mode and no COM.
+void initPlatformLibraryImpl(bool /*initCom*/) {}
+
+}  // namespace zel
