@@ -1,9 +1,9 @@
 # Installs a zel build into a scratch prefix, then builds and runs the
 # consumer project against it (and, on Linux, compiles it once more with the
 # flags from pkg-config).
-#   cmake -DBUILD_DIR=... -DSOURCE_DIR=... -DWORK_DIR=... [-DTOOLCHAIN=...]
+#   cmake -DBUILD_DIR=... -DSOURCE_DIR=... -DWORK_DIR=... -DLIBDIR=lib [-DTOOLCHAIN=...]
 #         [-DEMULATOR=...] [-DCXX_FLAGS=...] [-DLINKER_FLAGS=...] -P check.cmake
-foreach(var BUILD_DIR SOURCE_DIR WORK_DIR)
+foreach(var BUILD_DIR SOURCE_DIR WORK_DIR LIBDIR)
   if(NOT ${var})
     message(FATAL_ERROR "${var} is required")
   endif()
@@ -23,6 +23,7 @@ file(REMOVE_RECURSE ${WORK_DIR})
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
 
 set(args -S ${SOURCE_DIR} -B ${build} -G Ninja -DCMAKE_PREFIX_PATH=${prefix}
+    -Dzel_DIR=${prefix}/${LIBDIR}/cmake/zel
     -DCMAKE_RUNTIME_OUTPUT_DIRECTORY=${prefix}/bin)
 if(TOOLCHAIN)
   list(APPEND args -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN})
@@ -43,7 +44,7 @@ endif()
 
 if(NOT TOOLCHAIN)
   # The pkg-config file alone must be enough to build against the library.
-  set(ENV{PKG_CONFIG_PATH} ${prefix}/lib/pkgconfig)
+  set(ENV{PKG_CONFIG_PATH} ${prefix}/${LIBDIR}/pkgconfig)
   execute_process(COMMAND pkg-config --cflags --libs zel OUTPUT_VARIABLE flags
                   OUTPUT_STRIP_TRAILING_WHITESPACE RESULT_VARIABLE result)
   if(NOT result EQUAL 0)
@@ -52,7 +53,7 @@ if(NOT TOOLCHAIN)
   separate_arguments(flags UNIX_COMMAND "${flags}")
   separate_arguments(extra UNIX_COMMAND "${CXX_FLAGS} ${LINKER_FLAGS}")
   run(c++ -std=c++20 ${extra} ${SOURCE_DIR}/main.cpp -o ${WORK_DIR}/pkgconfig_consumer ${flags}
-      -Wl,-rpath,${prefix}/lib)
+      -Wl,-rpath,${prefix}/${LIBDIR})
   run(${WORK_DIR}/pkgconfig_consumer)
 endif()
 message(STATUS "consumer check passed")

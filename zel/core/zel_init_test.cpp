@@ -4,8 +4,6 @@
 
 #include <cstdlib>
 
-#include <wx/app.h>
-
 #include "zel/system/cached_env_vars.h"
 #include "zel/thread/thread_local_storage.h"
 
@@ -22,7 +20,6 @@ TEST(ZelInitTest, FurtherInitialisersFindTheLibraryUp) {
   // Destroying a CZelInit leaves the library usable; only
   // onApplicationExit() disposes it.
   EXPECT_EQ(CThreadLocalStorageManager::get().get(), tls.get());
-  EXPECT_NE(wxAppConsole::GetInstance(), nullptr);
 }
 
 TEST(ZelInitTest, EnvironmentIsCachedAtStart) {
