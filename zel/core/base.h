@@ -43,7 +43,7 @@ inline constexpr AdoptRefTag adoptRef{};
 
 class ZEL_API CBase : public virtual IBase {
  public:
-  // Tag of the public allocation function: `new (CBase::RawNew()) CFoo(...)`.
+  // Tag of the public allocation function: `new (CBase::RawNew{}) CFoo(...)`.
   // The plain operator new is protected so that objects are made through a
   // class's create functions (or createObject below), never by accident.
   struct RawNew {};
@@ -180,7 +180,7 @@ bool operator<(const P<T>& a, const P<U>& b) noexcept {
 // first reference to the returned P.
 template <class T, class... Args>
 P<T> createObject(Args&&... args) {
-  return P<T>(new (CBase::RawNew()) T(std::forward<Args>(args)...), adoptRef);
+  return P<T>(new (CBase::RawNew{}) T(std::forward<Args>(args)...), adoptRef);
 }
 
 // Down-cast that yields null when the object is not a U or refuses the cast.

@@ -67,7 +67,7 @@ TEST_F(BaseTest, PointerCopyMoveAndAssignmentKeepCountsRight) {
 }
 
 TEST_F(BaseTest, RawPointerAddsAReferenceAndAdoptTakesIt) {
-  CCounted* raw = new (CBase::RawNew()) CCounted();
+  CCounted* raw = new (CBase::RawNew{}) CCounted();
   {
     P<CCounted> owner(raw, adoptRef);
     P<CCounted> second(raw);

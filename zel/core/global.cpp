@@ -9,7 +9,7 @@ namespace zel {
 
 CMutex& getGlobalMutex() {
   // Never destroyed: singletons may be used until the very end of the process.
-  static CMutex* mutex = new (CBase::RawNew()) CMutex();
+  static CMutex* mutex = new (CBase::RawNew{}) CMutex();
   return *mutex;
 }
 
