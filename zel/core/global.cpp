@@ -46,16 +46,24 @@ void CSafeGlobalSlotBase::initialize(GuardAccessor guard, DisposeFunc dispose,
   try {
     construct(context);
     m_state.store(kConstructedTag, std::memory_order_release);
+  } catch (const std::exception& e) {
+    keepFailure(&e);
+    return;
   } catch (...) {
-    try {
-      m_failure = CStdExceptionError::exceptionToError();
-    } catch (...) {
-      // The cause is a courtesy; the failed state is what matters.
-    }
-    m_state.store(kFailedTag, std::memory_order_release);
+    keepFailure(nullptr);
     return;
   }
   CSafeGlobalDisposer::get().addDisposeFunc(dispose);
+}
+
+void CSafeGlobalSlotBase::keepFailure(const std::exception* exception) noexcept {
+  try {
+    m_failure = exception ? CStdExceptionError::exceptionToError(*exception)
+                          : createObject<CError>(String("Unknown exception."));
+  } catch (...) {
+    // The cause is a courtesy; the failed state is what matters.
+  }
+  m_state.store(kFailedTag, std::memory_order_release);
 }
 
 void CSafeGlobalSlotBase::waitUntilConstructed() const {

@@ -25,6 +25,7 @@
 #pragma once
 
 #include <atomic>
+#include <exception>
 #include <list>
 
 #include "zel/core/base.h"
@@ -113,6 +114,8 @@ class ZEL_API CSafeGlobalSlotBase {
   void waitUntilConstructed() const;
 
  private:
+  void keepFailure(const std::exception* exception) noexcept;
+
   std::atomic<uint64> m_state{0};
   P<CError> m_failure;
 };

@@ -1,17 +1,26 @@
 #include "zel/thread/thread_local_storage.h"
 
 #include <memory>
-#include <unordered_map>
+
+#include "zel/thread/thread_local_storage_platform.h"
 
 namespace zel {
 
 namespace {
 
-using ThreadValues = std::unordered_map<int, P<IBase>>;
+using tls_platform::ThreadValues;
 
-// Created on a thread's first store; destroyed (releasing what is left) when
-// the thread exits.
-thread_local std::unique_ptr<ThreadValues> t_values;
+// The calling thread's map, created on its first store. The operating
+// system's thread-exit hook frees what is left (C++ thread_local objects with
+// destructors are avoided: mingw-w64 corrupts the heap running them for
+// threads of a DLL).
+ThreadValues* values() { return tls_platform::getThreadValues(); }
+
+std::unique_ptr<ThreadValues> takeValues() {
+  std::unique_ptr<ThreadValues> taken(values());
+  tls_platform::setThreadValues(nullptr);
+  return taken;
+}
 
 }  // namespace
 
@@ -33,24 +42,38 @@ P<CThreadLocalStorageManager> CThreadLocalStorageManager::createInstance() {
 int CThreadLocalStorageManager::createSlot() { return m_nextSlot.fetch_add(1); }
 
 P<IBase> CThreadLocalStorageManager::getThreadValue(int slot) const {
-  if (!t_values) return P<IBase>();
-  auto it = t_values->find(slot);
-  return it == t_values->end() ? P<IBase>() : it->second;
+  ThreadValues* map = values();
+  if (!map) return P<IBase>();
+  auto it = map->find(slot);
+  return it == map->end() ? P<IBase>() : it->second;
 }
 
 void CThreadLocalStorageManager::setThreadValue(int slot, IBase* value) {
+  ThreadValues* map = values();
   if (!value) {
-    if (t_values) t_values->erase(slot);
+    if (map) map->erase(slot);
     return;
   }
-  if (!t_values) t_values = std::make_unique<ThreadValues>();
-  (*t_values)[slot] = value;
+  if (!map) {
+    map = new ThreadValues();
+    tls_platform::setThreadValues(map);
+  }
+  (*map)[slot] = value;
 }
 
 void CThreadLocalStorageManager::releaseAllThreadValues() {
-  // Move the map out first: releasing a value may run code that touches the
+  // Take the map out first: releasing a value may run code that touches the
   // thread's slots again.
-  std::unique_ptr<ThreadValues> values = std::move(t_values);
+  takeValues();
 }
+
+namespace tls_platform {
+
+void onThreadExit(ThreadValues* map) {
+  // The system has already cleared the thread's slot.
+  delete map;
+}
+
+}  // namespace tls_platform
 
 }  // namespace zel
