@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
 """Prints each benchmark's median time as a ratio to its baseline.
 
-A benchmark's baseline is the first benchmark of the file whose name starts
-with BM_Atomic, BM_Raw or BM_Std (the floor measured in the same run); the
-ratio of each other median to that baseline is what the figures mean, since
-absolute times vary between machines and runs.
+Baselines are the benchmarks whose names start with BM_Atomic, BM_Raw or
+BM_Std (the floor measured in the same run). Each benchmark is compared with
+the nearest baseline before it in the file; the ratio is what the figures
+mean, since absolute times vary between machines and runs.
 """
 import json
 import sys
@@ -15,11 +15,13 @@ def main(path):
         data = json.load(f)
     medians = [(b["run_name"], b["real_time"], b["time_unit"])
                for b in data["benchmarks"] if b.get("aggregate_name") == "median"]
-    baseline = next((m for m in medians
-                     if m[0].split("/")[0].startswith(("BM_Atomic", "BM_Raw", "BM_Std"))), None)
+    baseline = None
     for name, time, unit in medians:
-        ratio = f"{time / baseline[1]:6.2f}x {baseline[0]}" if baseline else ""
+        is_baseline = name.split("/")[0].startswith(("BM_Atomic", "BM_Raw", "BM_Std"))
+        ratio = f"{time / baseline[1]:6.2f}x {baseline[0]}" if baseline and not is_baseline else ""
         print(f"{name:45s} {time:10.2f} {unit}  {ratio}")
+        if is_baseline:
+            baseline = (name, time)
 
 
 if __name__ == "__main__":

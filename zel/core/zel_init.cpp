@@ -10,6 +10,8 @@
 #include "zel/core/zel_init_platform.h"
 #include "zel/system/cached_env_vars.h"
 #include "zel/thread/mutex.h"
+#include "zel/log/xml_log.h"
+#include "zel/thread/thread_list.h"
 #include "zel/thread/thread_local_storage.h"
 
 namespace zel {
@@ -101,12 +103,20 @@ CZelInit::CZelInit(bool initCom) {
   CZelInitHelper::get();
   CWXInitHelper::get();
   CLocaleInitHelper::get();
+  CThreadList::get();
 }
 
 // The network auto-mounter, once present, is de-initialised here, before the
 // helpers are disposed.
 CZelInit::~CZelInit() = default;
 
-void CZelInit::onApplicationExit() { CSafeGlobalDisposer::get().disposeAll(); }
+void CZelInit::onApplicationExit() {
+  if (CThreadList::get()->stopAllThreads(kStopThreadsTimeoutMs, false)) {
+    logInfo("All threads stopped.");
+  } else {
+    logWarning("Not all threads could be stopped.");
+  }
+  CSafeGlobalDisposer::get().disposeAll();
+}
 
 }  // namespace zel

@@ -10,8 +10,10 @@
 //      or the plain "C" locale, the locale is taken from the user's
 //      environment.
 // Each helper is a guarded singleton, so later CZelInit objects only find
-// them constructed. At application exit call onApplicationExit(), which
-// disposes every singleton in construction order (wxUninitialize included).
+// them constructed; the thread list is got last. At application exit call
+// onApplicationExit(), which stops every listed thread (waiting up to 30 s)
+// and then disposes every singleton in construction order (wxUninitialize
+// included).
 #pragma once
 
 #include "zel/core/global.h"
@@ -28,9 +30,12 @@ class ZEL_API CZelInit {
   CZelInit(const CZelInit&) = delete;
   CZelInit& operator=(const CZelInit&) = delete;
 
-  // Ends the library's life at application exit: disposes all singletons in
-  // the order in which they were constructed.
+  // Ends the library's life at application exit: stops all threads of the
+  // thread list (logging "All threads stopped." or the warning "Not all
+  // threads could be stopped."), then disposes all singletons in the order in
+  // which they were constructed.
   static void onApplicationExit();
+  static constexpr int kStopThreadsTimeoutMs = 30000;
 
   class CZelInitHelper;
   class CWXInitHelper;

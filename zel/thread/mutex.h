@@ -13,10 +13,11 @@ class ZEL_API CMutex : public CBase {
   CMutex(const CMutex&) = delete;
   CMutex& operator=(const CMutex&) = delete;
 
-  // The same thread may lock again; each lock() needs its unlock().
-  void lock();
-  void unlock();
-  bool tryLock();
+  // The same thread may lock again; each lock() needs its unlock(). Virtual
+  // so that the scoped lockers work for CMutexWithStarveProtection too.
+  virtual void lock();
+  virtual void unlock();
+  virtual bool tryLock();
 
   // The OS object: a CRITICAL_SECTION* on Windows, a pthread_mutex_t* on
   // Linux.
