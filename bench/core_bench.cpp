@@ -6,7 +6,6 @@
 
 #include "zel/core/base.h"
 #include "zel/core/global.h"
-#include "zel/core/zel_init.h"
 #include "zel/thread/thread_local_storage.h"
 
 namespace {
@@ -65,16 +64,3 @@ void BM_AtomicIncrementDecrement(benchmark::State& state) {
 BENCHMARK(BM_AtomicIncrementDecrement);
 
 }  // namespace
-
-int main(int argc, char** argv) {
-  int result = 0;
-  {
-    zel::CZelInit init;
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-  }
-  zel::CZelInit::onApplicationExit();
-  return result;
-}

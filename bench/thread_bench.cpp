@@ -8,7 +8,6 @@
 #include <mutex>
 #include <thread>
 
-#include "zel/core/zel_init.h"
 #include "zel/thread/mutex.h"
 #include "zel/thread/mutex_with_starve_protection.h"
 #include "zel/thread/signal.h"
@@ -154,15 +153,3 @@ void BM_CMutexWithStarveProtectionContended(benchmark::State& state) {
 BENCHMARK(BM_CMutexWithStarveProtectionContended)->UseRealTime();
 
 }  // namespace
-
-int main(int argc, char** argv) {
-  {
-    zel::CZelInit init;
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-  }
-  zel::CZelInit::onApplicationExit();
-  return 0;
-}
