@@ -1,0 +1,283 @@
+#include "zel/path/uri.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+
+namespace zel {
+namespace {
+
+CURI uri(const char* text) { return CURI::parse(String(text)); }
+
+TEST(URITest, ParsesComponents) {
+  CURI u = uri("http://us%20er:pw@Host.Example:8080/a/b%20c?q=1&r=/?#frag/?");
+  EXPECT_EQ(String("http"), u.getScheme());
+  EXPECT_TRUE(u.hasAuthority());
+  EXPECT_TRUE(u.hasUserInfo());
+  EXPECT_EQ(String("us%20er:pw"), u.getUserInfo());
+  EXPECT_EQ(String("us er:pw"), u.getDecodedUserInfo());
+  EXPECT_EQ(String("Host.Example"), u.getHost());
+  EXPECT_EQ(8080, u.getPort());
+  EXPECT_EQ(String("/a/b%20c"), u.getPath());
+  EXPECT_EQ(String("/a/b c"), u.getDecodedPath());
+  EXPECT_EQ(String("q=1&r=/?"), u.getQuery());
+  EXPECT_EQ(String("frag/?"), u.getFragment());
+  EXPECT_EQ(String("us%20er:pw@Host.Example:8080"), u.getAuthority());
+  EXPECT_EQ(String("http://us%20er:pw@Host.Example:8080/a/b%20c?q=1&r=/?#frag/?"), u.toString());
+
+  // Present-but-empty parts differ from absent ones.
+  CURI bare = uri("ss:/p");
+  EXPECT_FALSE(bare.hasAuthority());
+  EXPECT_FALSE(bare.hasQuery());
+  EXPECT_FALSE(bare.hasFragment());
+  EXPECT_EQ(-1, bare.getPort());
+  CURI empties = uri("ss://@/p?#");
+  EXPECT_TRUE(empties.hasUserInfo());
+  EXPECT_TRUE(empties.hasQuery());
+  EXPECT_TRUE(empties.hasFragment());
+  EXPECT_EQ(String("ss://@/p?#"), empties.toString());
+  EXPECT_NE(bare, uri("ss:/p?"));
+  // An empty port is no port.
+  EXPECT_EQ(String("ss://h/x"), uri("ss://h:/x").toString());
+  EXPECT_EQ(80, uri("ss://h:0080").getPort());
+
+  EXPECT_TRUE(CURI().isEmpty());
+  EXPECT_TRUE(uri("").isEmpty());
+  EXPECT_EQ(String(""), CURI().toString());
+  EXPECT_EQ(uri("xx:y"), CURI(String("xx:y")));
+}
+
+TEST(URITest, IPv6Authorities) {
+  CURI u = uri("http://[::1]:8080/x");
+  EXPECT_EQ(String("[::1]"), u.getHost());
+  EXPECT_EQ(8080, u.getPort());
+  EXPECT_EQ(String("/x"), u.getPath());
+  EXPECT_EQ(String("http://[::1]:8080/x"), u.toString());
+  EXPECT_EQ(-1, uri("http://[::1]/").getPort());
+  for (const char* ok :
+       {"ss://[1:2:3:4:5:6:7:8]", "ss://[::]", "ss://[1::]", "ss://[::ffff:1.2.3.4]",
+        "ss://[FE80::1:2]:1", "ss://[1:2:3:4:5:6:1.2.3.4]", "ss://[v7.a:b!]"}) {
+    EXPECT_NO_THROW(uri(ok)) << ok;
+  }
+  for (const char* bad :
+       {"ss://[::1", "ss://[::1]x", "ss://[1:2:3]", "ss://[:::1]", "ss://[1::2::3]",
+        "ss://[12345::]", "ss://[1.2.3.4]", "ss://[::1.2.3.256]", "ss://[::01.2.3.4]",
+        "ss://[1:2:3:4:5:6:7:8:9]", "ss://[1:2:3:4:5:6:7::8]", "ss://[g::]", "ss://[v.x]",
+        "ss://[::1%25eth0]", "ss://[]"}) {
+    EXPECT_THROW(uri(bad), CURIMalformedError) << bad;
+  }
+  EXPECT_EQ(String("ss://[fe80::a]"), uri("SS://[FE80::A]").toNormalized().toString());
+}
+
+TEST(URITest, MalformedTextReportsIt) {
+  for (const char* bad :
+       {"no scheme", "a/b:c", "://x", "1ab:x", "a b:x", "C:\\dir", "c:/dir", "ss:%zz", "ss:/a%4",
+        "ss:/%", "ss://h:8x/", "ss://h:70000/", "ss://h:1:2/", "ss:?%g0", "ss:#%"}) {
+    EXPECT_THROW(uri(bad), CURIMalformedError) << bad;
+  }
+  try {
+    uri("ss:/a%zz");
+    FAIL();
+  } catch (const CURIMalformedError& e) {
+    EXPECT_EQ(String("ss:/a%zz"), e.getParams().get(String("uri")));
+    EXPECT_FALSE(e.hasErrorCode());
+    EXPECT_EQ(-1, e.getErrorCode());
+    EXPECT_FALSE(e.getMessage().isEmpty());
+    P<CError> copy = e.clone();
+    EXPECT_THROW(copy->throwClone(), CURIMalformedError);
+  }
+}
+
+TEST(URITest, EscapesCharactersOutsideTheirComponent) {
+  // Spaces, brackets, "%" in a segment and non-ASCII text become UTF-8 escapes.
+  CURI u = CURI::parse(String(L"ss://h o/a b[1]/\u00e9\u20ac?x y#z#w"));
+  EXPECT_EQ(String("h%20o"), u.getHost());
+  EXPECT_EQ(String("/a%20b%5B1%5D/%C3%A9%E2%82%AC"), u.getPath());
+  EXPECT_EQ(String("x%20y"), u.getQuery());
+  EXPECT_EQ(String("z%23w"), u.getFragment());
+  EXPECT_EQ(String(L"/a b[1]/\u00e9\u20ac"), u.getDecodedPath());
+  EXPECT_EQ(String(L"ss://h o/a b[1]/\u00e9\u20ac?x y#z#w"), u.toString(false));
+  EXPECT_EQ(u, CURI::parse(u.toString(true)));
+
+  // Characters beyond the BMP escape as four bytes.
+  CURI emoji = CURI::parse(String(L"ss:/\U0001F600"));
+  EXPECT_EQ(String("/%F0%9F%98%80"), emoji.getPath());
+  EXPECT_EQ(String(L"/\U0001F600"), emoji.getDecodedPath());
+
+  EXPECT_EQ(String("a%20b%2Fc%25d%3F%23:@!$&'()*+,;=-._~"),
+            CURI::escapeSegment(String("a b/c%d?#:@!$&'()*+,;=-._~")));
+  // Bytes that are not UTF-8 decode as Latin-1 characters.
+  EXPECT_EQ(String(L"\u00ff\u00c3("), CURI::unescape(String("%FF%C3%28")));
+  EXPECT_EQ(String(L"a\u00e9b"), CURI::unescape(String("a%c3%A9b")));
+}
+
+TEST(URITest, EmptySegmentsAndDots) {
+  CURI u = uri("file:///a//b/");
+  TArray<String> segments = u.getSegments();
+  ASSERT_EQ(4, segments.getCount());
+  EXPECT_EQ(String("a"), segments[0]);
+  EXPECT_EQ(String(""), segments[1]);
+  EXPECT_EQ(String("b"), segments[2]);
+  EXPECT_EQ(String(""), segments[3]);
+  EXPECT_EQ(String("file:///a//b/"), u.toNormalized().toString());
+  EXPECT_EQ(1, uri("ss:/").getSegments().getCount());
+  EXPECT_EQ(0, uri("ss://h").getSegments().getCount());
+
+  // "." segments go, ".." segments stay visible, escaped dots included.
+  EXPECT_EQ(String("ss://h/a/../b/"), uri("ss://h/./a/./../b/.").toNormalized().toString());
+  EXPECT_EQ(String("ss://h/share/../../etc"),
+            uri("ss://h/share/%2E%2E/%2e%2E/etc").toNormalized().toString());
+  EXPECT_EQ(String("ss://h/.../..a"), uri("ss://h/.../..a").toNormalized().toString());
+  // Without an authority a path must not start with "//"; a rootless path
+  // stays rootless.
+  CURI odd = uri("ss:/.//a").toNormalized();
+  EXPECT_EQ(String("ss:/.//a"), odd.toString());
+  EXPECT_EQ(odd, CURI::parse(odd.toString()));
+  EXPECT_EQ(String("ss:.//a"), uri("ss:././/a").toNormalized().toString());
+  EXPECT_EQ(String("ss:a:b"), uri("ss:./a:b").toNormalized().toString());
+}
+
+TEST(URITest, Normalization) {
+  CURI u = uri("HTTP://Us%65r@Exa%4dple.COM:80/%7e%41%2f%3a%c3%a9?%7E%2f#%5b%41");
+  CURI n = u.toNormalized();
+  EXPECT_EQ(String("http://User@example.com:80/~A%2F%3A%C3%A9?~%2F#%5BA"), n.toString());
+  EXPECT_EQ(n, n.toNormalized());
+  EXPECT_NE(u, n);  // comparison is exact
+  EXPECT_EQ(n, uri("http://User@EXAMPLE.com:80/~A%2f%3A%C3%A9?~%2F#%5BA").toNormalized());
+  // The user name keeps its case.
+  EXPECT_NE(uri("ss://A@h/").toNormalized(), uri("ss://a@h/").toNormalized());
+}
+
+TEST(URITest, ComparisonAndOrdering) {
+  EXPECT_EQ(uri("ss://h/a"), uri("ss://h/a"));
+  EXPECT_NE(uri("ss://h/a"), uri("ss://H/a"));
+  EXPECT_NE(uri("ss://h/a"), uri("ss://h:1/a"));
+  EXPECT_NE(uri("ss://h/a"), uri("ss://h/a#"));
+  EXPECT_NE(uri("ss:/a"), uri("ss:///a"));
+  std::set<CURI> sorted{uri("bb:x"), uri("aa:y"), uri("aa:x"), uri("aa:x")};
+  ASSERT_EQ(3u, sorted.size());
+  EXPECT_EQ(uri("aa:x"), *sorted.begin());
+  EXPECT_FALSE(uri("aa:x") < uri("aa:x"));
+  EXPECT_TRUE(uri("aa:x") < uri("aa:y") || uri("aa:y") < uri("aa:x"));
+}
+
+TEST(URITest, NameParentAppend) {
+  CURI u = uri("file://srv/share/dir/f%20x.txt?q#f");
+  EXPECT_EQ(String("f x.txt"), u.getName());
+  EXPECT_EQ(String("file://srv/share/dir"), u.getParent().toString());
+  EXPECT_EQ(String("dir"), uri("ss:/a/dir/").getName());
+  EXPECT_EQ(String("ss:/a"), uri("ss:/a/dir/").getParent().toString());
+  EXPECT_EQ(String("ss:/"), uri("ss:/a").getParent().toString());
+  EXPECT_EQ(String("file:///"), uri("file:///C:").getParent().toString());
+  EXPECT_EQ(String("ss:/a"), uri("ss:/a//").getParent().toString());
+  EXPECT_EQ(String(""), uri("ss:/a//").getName());
+  EXPECT_EQ(String("ss:a"), uri("ss:a/b").getParent().toString());
+  for (const char* top : {"ss:/", "ss://h", "ss://h/", "ss:a", "ss:"}) {
+    EXPECT_FALSE(uri(top).hasParent()) << top;
+    EXPECT_TRUE(uri(top).getParent().isEmpty()) << top;
+  }
+  EXPECT_FALSE(CURI().hasParent());
+
+  CURI child = uri("ss://h/a?q").append(String(L"x y/z%#\u00e9"));
+  EXPECT_EQ(String("ss://h/a/x%20y%2Fz%25%23%C3%A9"), child.toString());
+  EXPECT_EQ(String(L"x y/z%#\u00e9"), child.getName());
+  EXPECT_EQ(uri("ss://h/a"), child.getParent());
+  EXPECT_EQ(String("ss://h/a/b"), uri("ss://h/a/").append(String("b")).toString());
+  EXPECT_EQ(String("ss://h/b"), uri("ss://h").append(String("b")).toString());
+  EXPECT_EQ(String("ss://h/a/"), uri("ss://h/a").append(String("")).toString());
+  EXPECT_EQ(String("ss://h/a/%252E%252E."), uri("ss://h/a").append(String("%2E%2E.")).toString());
+  EXPECT_THROW(uri("ss://h/a").append(String("..")), CInvalidArgError);
+  EXPECT_THROW(uri("ss://h/a").append(String(".")), CInvalidArgError);
+  EXPECT_THROW(CURI().append(String("a")), CInvalidArgError);
+}
+
+TEST(URIFileTest, WindowsPaths) {
+  struct Case {
+    const wchar_t* path;
+    const char* uri;
+  };
+  const Case cases[] = {
+      {L"C:\\dir\\f.txt", "file:///C:/dir/f.txt"},
+      {L"C:\\", "file:///C:/"},
+      {L"d:\\My Docs\\100%#1\\\u00fcn\u00ef.txt",
+       "file:///d:/My%20Docs/100%25%231/%C3%BCn%C3%AF.txt"},
+      {L"\\\\server\\share\\dir", "file://server/share/dir"},
+      {L"\\\\server\\share\\", "file://server/share"},
+      {L"\\\\srv x\\sh%re\\a b", "file://srv%20x/sh%25re/a%20b"},
+      {L"C:\\a;b=c\\[x]@y", "file:///C:/a;b=c/%5Bx%5D@y"},
+  };
+  for (const Case& c : cases) {
+    CWindowsPath path{String(c.path)};
+    CURI u = CURI::fromWindowsPath(path);
+    EXPECT_EQ(String(c.uri), u.toString()) << c.uri;
+    EXPECT_EQ(path.toString(), u.toWindowsPath().toString()) << c.uri;
+  }
+  EXPECT_EQ(String("C:\\x"), uri("file://localhost/C:/x").toWindowsPath().toString());
+  EXPECT_EQ(String("C:\\x"), uri("FILE:/C:/x/").toWindowsPath().toString());
+  EXPECT_EQ(String("C:\\"), uri("file:///C:").toWindowsPath().toString());
+  EXPECT_EQ(String("C:\\a\\..\\b"), uri("file:///C:/a/../b").toWindowsPath().toString());
+
+  EXPECT_THROW(CURI::fromWindowsPath(CWindowsPath(String("rel\\x"))), CBadPathError);
+  EXPECT_THROW(CURI::fromWindowsPath(CWindowsPath(String("\\x"))), CBadPathError);
+  // Decoded segments that are no valid names.
+  for (const char* bad :
+       {"file:///C:/a%2Fb", "file:///C:/a%5Cb", "file:///C:/a%3Ab", "file:///C:/a//b",
+        "file:///C:/a%01", "file://s%3Arv/share/x", "file://srv/sh%2Are"}) {
+    EXPECT_THROW(uri(bad).toWindowsPath(), CBadPathError) << bad;
+  }
+  for (const char* bad : {"http://h/C:/x", "file:///home/x", "file:///", "file://server/",
+                          "file://server", "file:///C:/x?q", "file:///C:/x#f", "file://u@/C:/x",
+                          "file://:1/C:/x", "file:C:/x", "file:///CC:/x", "file:///1:/x"}) {
+    EXPECT_THROW(uri(bad).toWindowsPath(), CURIIncompatibleError) << bad;
+  }
+  try {
+    uri("http://h/x").toWindowsPath();
+    FAIL();
+  } catch (const CURIIncompatibleError& e) {
+    EXPECT_EQ(String("http://h/x"), e.getParams().get(String("uri")));
+    EXPECT_EQ(-1, e.getErrorCode());
+    EXPECT_THROW(e.clone()->throwClone(), CURIIncompatibleError);
+  }
+}
+
+TEST(URIFileTest, UnixPaths) {
+  struct Case {
+    const wchar_t* path;
+    const char* uri;
+  };
+  const Case cases[] = {
+      {L"/home/u/f", "file:///home/u/f"},
+      {L"/", "file:///"},
+      {L"/a b/100%/#x?\\y:z", "file:///a%20b/100%25/%23x%3F%5Cy:z"},
+      {L"/\u00e9t\u00e9/\U0001F600", "file:///%C3%A9t%C3%A9/%F0%9F%98%80"},
+  };
+  for (const Case& c : cases) {
+    CUnixPath path{String(c.path)};
+    CURI u = CURI::fromUnixPath(path);
+    EXPECT_EQ(String(c.uri), u.toString()) << c.uri;
+    EXPECT_EQ(path.toString(), u.toUnixPath().toString()) << c.uri;
+  }
+  EXPECT_EQ(String("/x"), uri("file://LocalHost/x").toUnixPath().toString());
+  EXPECT_THROW(CURI::fromUnixPath(CUnixPath(String("rel"))), CBadPathError);
+  for (const char* bad : {"file:///a%2Fb", "file:///a%00b", "file:///a//b"}) {
+    EXPECT_THROW(uri(bad).toUnixPath(), CBadPathError) << bad;
+  }
+  for (const char* bad : {"file://server/share", "ftp:///x", "file:///x?", "file:", "file:x"}) {
+    EXPECT_THROW(uri(bad).toUnixPath(), CURIIncompatibleError) << bad;
+  }
+  EXPECT_THROW(CURI().toUnixPath(), CURIIncompatibleError);
+}
+
+TEST(URIFileTest, NativePaths) {
+#if defined(_WIN32)
+  CNativePath path(String("C:\\Program Files\\x"));
+  EXPECT_EQ(String("file:///C:/Program%20Files/x"), CURI::fromNativePath(path).toString());
+#else
+  CNativePath path(String("/opt/Program Files/x"));
+  EXPECT_EQ(String("file:///opt/Program%20Files/x"), CURI::fromNativePath(path).toString());
+#endif
+  EXPECT_EQ(path, CURI::fromNativePath(path).toNativePath());
+}
+
+}  // namespace
+}  // namespace zel
