@@ -11,6 +11,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "zel/core/buffer.h"
 #include "zel/core/export.h"
 #include "zel/core/types.h"
 
@@ -93,36 +94,6 @@ class TList : public std::list<T> {
 
   int getCount() const { return static_cast<int>(this->size()); }
   bool isEmpty() const { return this->empty(); }
-};
-
-// A growable array of plain elements (bytes, numbers, POD records): copied
-// as raw bytes; new elements are zero-initialised.
-template <class T>
-class TBuffer {
-  static_assert(std::is_trivially_copyable_v<T>, "TBuffer holds plain elements only");
-
- public:
-  TBuffer() = default;
-  explicit TBuffer(size_t count) { resize(count); }
-  TBuffer(const T* data, size_t count) { append(data, count); }
-
-  T* getData() { return m_data.data(); }
-  const T* getData() const { return m_data.data(); }
-  size_t getSize() const { return m_data.size(); }
-  bool isEmpty() const { return m_data.empty(); }
-
-  void resize(size_t count) { m_data.resize(count); }
-  void reserve(size_t count) { m_data.reserve(count); }
-  void clear() { m_data.clear(); }
-  void append(const T* data, size_t count) { m_data.insert(m_data.end(), data, data + count); }
-  void append(const T& value) { m_data.push_back(value); }
-
-  T& operator[](size_t index) { return m_data[index]; }
-  const T& operator[](size_t index) const { return m_data[index]; }
-  bool operator==(const TBuffer& other) const { return m_data == other.m_data; }
-
- private:
-  std::vector<T> m_data;
 };
 
 }  // namespace zel

@@ -36,17 +36,5 @@ TEST(ContainersTest, MapAndSetLookups) {
   EXPECT_TRUE(s.contains(1));
 }
 
-TEST(ContainersTest, BufferAppendsRawElements) {
-  TBuffer<uint8> b;
-  const uint8 bytes[] = {1, 2, 3};
-  b.append(bytes, 3);
-  b.append(uint8{4});
-  ASSERT_EQ(b.getSize(), 4u);
-  EXPECT_EQ(b[3], 4);
-  b.resize(6);
-  EXPECT_EQ(b[5], 0);
-  EXPECT_EQ(TBuffer<uint8>(bytes, 3), TBuffer<uint8>(b.getData(), 3));
-}
-
 }  // namespace
 }  // namespace zel

@@ -47,6 +47,8 @@
 
 namespace zel {
 
+class IInStream;
+
 class ZEL_API CError : public CBase, public std::exception {
  public:
   // A null cause means none; a given cause is cloned.
@@ -216,6 +218,9 @@ class ZEL_API CFileCorruptedError : public CError {
   CFileCorruptedError();
   // "The file '<path>' is corrupted."
   explicit CFileCorruptedError(const String& path);
+  // The stream's URI (readable form) as the path; "The file is corrupted."
+  // when the stream is null, has no URI or cannot tell. Defined with streams.
+  explicit CFileCorruptedError(IInStream* stream);
   P<CError> clone() const override;
   [[noreturn]] void throwClone() const override;
 };
