@@ -1,6 +1,7 @@
 #include "zel/fs/local_file_system.h"
 
 #include <string>
+#include <type_traits>
 
 #include "zel/core/error.h"
 #include "zel/fs/background_op_thread.h"
@@ -16,7 +17,45 @@ using fs_platform::EntryType;
 
 String actionName(const char* action) { return String("CFileSystem::") + action; }
 
-String toPath(const CURI& uri) { return uri.toNativePath().toString(); }
+// The native path of a file URI. On Unix-like systems the common case, a
+// plain ASCII path without escapes, empty or "." / ".." segments, is its own
+// native path; it skips the general conversion, which decodes and checks
+// each segment and costs several times the system call it precedes.
+bool isPlainUnixPath(const CURI& uri) {
+  if (uri.hasAuthority() && !uri.getHost().isEmpty()) return false;
+  if (uri.hasQuery() || uri.hasFragment() || uri.hasUserInfo() || uri.getPort() >= 0) return false;
+  const String& scheme = uri.getScheme();
+  if (scheme.getLength() != 4 || !scheme.startsWithNoCase(L"file")) return false;
+  const wchar_t* path = uri.getPath().toWChar();
+  const int length = uri.getPath().getLength();
+  if (length == 0 || path[0] != L'/') return false;
+  for (int i = 0; i < length; ++i) {
+    const wchar_t c = path[i];
+    if (c <= 0x20 || c >= 0x7F || c == L'%') return false;
+    if (c == L'/' && i + 1 < length) {
+      // An empty segment, or a "." or ".." one.
+      const wchar_t* next = path + i + 1;
+      const int rest = length - i - 1;
+      if (next[0] == L'/') return false;
+      if (next[0] == L'.' && (rest == 1 || next[1] == L'/')) return false;
+      if (next[0] == L'.' && next[1] == L'.' && (rest == 2 || next[2] == L'/')) return false;
+    }
+  }
+  return true;
+}
+
+String toPath(const CURI& uri) {
+  if constexpr (std::is_same_v<CNativePath, CUnixPath>) {
+    if (isPlainUnixPath(uri)) {
+      const String& path = uri.getPath();
+      const int length = path.getLength();
+      // A trailing separator names the same folder.
+      if (length > 1 && path.safeAt(length - 1) == L'/') return String(path.toWChar(), length - 1);
+      return path;
+    }
+  }
+  return uri.toNativePath().toString();
+}
 
 // Adds the operation and the address to an error escaping an OS step. A
 // system error (it has "func") names our operation as its action; errors of
@@ -495,22 +534,22 @@ void CFileSystem::createFolderSymLink(const CURI& link, const CURI& target) {
 
 bool CFileSystem::fileExists(const CURI& uri) {
   return guarded("fileExists", uri, [&] {
-    EntryInfo info;
-    return fs_platform::statEntry(toPath(uri), true, info) && info.type != EntryType::Folder;
+    EntryType type;
+    return fs_platform::getEntryType(toPath(uri), type) && type != EntryType::Folder;
   });
 }
 
 bool CFileSystem::folderExists(const CURI& uri) {
   return guarded("folderExists", uri, [&] {
-    EntryInfo info;
-    return fs_platform::statEntry(toPath(uri), true, info) && info.type == EntryType::Folder;
+    EntryType type;
+    return fs_platform::getEntryType(toPath(uri), type) && type == EntryType::Folder;
   });
 }
 
 bool CFileSystem::pathExists(const CURI& uri) {
   return guarded("pathExists", uri, [&] {
-    EntryInfo info;
-    return fs_platform::statEntry(toPath(uri), true, info);
+    EntryType type;
+    return fs_platform::getEntryType(toPath(uri), type);
   });
 }
 

@@ -108,6 +108,10 @@ struct EntryInfo {
 // describes a symbolic link itself.
 bool statEntry(const String& path, bool followLinks, EntryInfo& info);
 
+// The kind of the entry links lead to, for the existence checks: false when
+// it does not exist. One system call where the system allows it.
+bool getEntryType(const String& path, EntryType& type);
+
 // Folder listing. readFolderEntry skips "." and ".." and returns false at the
 // end. A Folder is closed exactly once with closeFolder.
 using Folder = void*;

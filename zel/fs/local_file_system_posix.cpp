@@ -44,6 +44,14 @@ auto retryEINTR(F&& call) -> decltype(call()) {
 }
 
 std::string toNative(const String& path) {
+  // Plain ASCII, by far the most common case, is the same in every
+  // file-system encoding: copy it without a conversion.
+  const wchar_t* text = path.toWChar();
+  const int count = path.getLength();
+  std::string ascii(static_cast<size_t>(count), '\0');
+  int i = 0;
+  for (; i < count && text[i] > 0 && text[i] < 0x80; ++i) ascii[i] = static_cast<char>(text[i]);
+  if (i == count) return ascii;
   int length = 0;
   wxCharBuffer bytes = path.toFileSystemEncoding(&length);
   return std::string(bytes.data(), static_cast<size_t>(length));
@@ -205,44 +213,52 @@ void unlockRange(Handle handle, int64 start, int64 length) {
   }
 }
 
+bool getEntryType(const String& path, EntryType& type) {
+  std::string native = toNative(path);
+  struct stat st;
+  if (::stat(native.c_str(), &st) != 0) {
+    if (errno == ENOENT || errno == ENOTDIR) return false;
+    fail("stat", "getEntryType", errno);
+  }
+  type = S_ISDIR(st.st_mode) ? EntryType::Folder : S_ISREG(st.st_mode) ? EntryType::File
+                                                                        : EntryType::Other;
+  return true;
+}
+
 bool statEntry(const String& path, bool followLinks, EntryInfo& info) {
   std::string native = toNative(path);
-  struct statx sx;
-  int flags = AT_STATX_SYNC_AS_STAT | (followLinks ? 0 : AT_SYMLINK_NOFOLLOW);
-  if (::statx(AT_FDCWD, native.c_str(), flags, STATX_BASIC_STATS | STATX_BTIME, &sx) != 0) {
+  const unsigned mask = STATX_BASIC_STATS | STATX_BTIME;
+  auto describe = [&](int flags, struct statx& sx) {
+    if (::statx(AT_FDCWD, native.c_str(), AT_STATX_SYNC_AS_STAT | flags, mask, &sx) == 0) return true;
     if (errno == ENOENT || errno == ENOTDIR) return false;
     fail("statx", "statEntry", errno);
-  }
+  };
+  // The name itself first: for anything but a link (nearly every entry)
+  // that is the whole answer, followed or not, in one call.
+  struct statx sx;
+  if (!describe(AT_SYMLINK_NOFOLLOW, sx)) return false;
   info = EntryInfo();
-  mode_t mode = sx.stx_mode;
-  if (S_ISLNK(mode)) {
+  auto typeOf = [](mode_t mode) {
+    return S_ISDIR(mode) ? EntryType::Folder : S_ISREG(mode) ? EntryType::File : EntryType::Other;
+  };
+  if (S_ISLNK(sx.stx_mode)) {
     info.isSymLink = true;
     char target[PATH_MAX + 1];
     ssize_t len = ::readlinkat(AT_FDCWD, native.c_str(), target, PATH_MAX);
     if (len >= 0) info.symLinkTarget = String::fromFileSystemEncoding(std::string(target, len).c_str());
-    // An unfollowed link reports the kind of its target.
-    struct stat st;
-    if (::stat(native.c_str(), &st) == 0) {
-      info.type = S_ISDIR(st.st_mode) ? EntryType::Folder : S_ISREG(st.st_mode) ? EntryType::File
-                                                                                : EntryType::Other;
-    } else {
-      info.type = EntryType::Other;
-    }
-  } else {
-    info.type = S_ISDIR(mode) ? EntryType::Folder : S_ISREG(mode) ? EntryType::File : EntryType::Other;
+    struct statx followed;
+    const bool targetExists = describe(0, followed);
     if (followLinks) {
-      // Followed: still tell the caller whether the name itself is a link.
-      struct stat lst;
-      if (::lstat(native.c_str(), &lst) == 0 && S_ISLNK(lst.st_mode)) {
-        info.isSymLink = true;
-        char target[PATH_MAX + 1];
-        ssize_t len = ::readlinkat(AT_FDCWD, native.c_str(), target, PATH_MAX);
-        if (len >= 0) {
-          info.symLinkTarget = String::fromFileSystemEncoding(std::string(target, len).c_str());
-        }
-      }
+      // A followed link that leads nowhere does not exist.
+      if (!targetExists) return false;
+      sx = followed;
     }
+    // An unfollowed link reports the kind of its target.
+    info.type = targetExists ? typeOf(followed.stx_mode) : EntryType::Other;
+  } else {
+    info.type = typeOf(sx.stx_mode);
   }
+  mode_t mode = sx.stx_mode;
   info.size = info.type == EntryType::Folder ? 0 : static_cast<int64>(sx.stx_size);
   if (sx.stx_mask & STATX_BTIME) info.createdTime = fromStatx(sx.stx_btime);
   info.dataModifiedTime = fromStatx(sx.stx_mtime);

@@ -363,6 +363,35 @@ TEST_F(LocalFileSystemTest, ExistenceQueries) {
   EXPECT_FALSE(m_fs->quickCheckFolderAccessible(uri("none")));
 }
 
+// Every spelling of an address reaches the same entry, whether it takes the
+// quick way to a native path (plain ASCII) or the general one (escapes,
+// "localhost", "." segments, trailing separators).
+TEST_F(LocalFileSystemTest, SpellingsOfAnAddressReachTheSameEntry) {
+  CURI folder = uri("sub dir");
+  m_fs->createFolder(folder, 0);
+  CURI file = folder.append(L"n\u00e4me.txt");
+  writeFile(file, "x");
+  const String base = folderURI().toString();
+  EXPECT_TRUE(m_fs->fileExists(CURI::parse(base + "/sub%20dir/n%C3%A4me.txt")));
+  EXPECT_TRUE(m_fs->folderExists(CURI::parse(base + "/sub%20dir/")));
+  EXPECT_TRUE(m_fs->folderExists(CURI::parse(base + "/sub%20dir/.")));
+  EXPECT_TRUE(m_fs->fileExists(CURI::parse(base + "/./sub%20dir/n%C3%A4me.txt")));
+  EXPECT_TRUE(m_fs->folderExists(CURI::parse(base + "/")));
+  CURI plain = uri("plain.txt");
+  writeFile(plain, "y");
+  const String plainText = plain.toString();
+  EXPECT_TRUE(m_fs->fileExists(CURI::parse(plainText)));
+  EXPECT_FALSE(m_fs->folderExists(CURI::parse(plainText + "/")));
+  EXPECT_EQ(readFile(CURI::parse(plainText)), "y");
+#if !defined(_WIN32)
+  const String local = String("file://localhost") + plain.getPath();
+  EXPECT_TRUE(m_fs->fileExists(CURI::parse(local)));
+  // An empty segment is not a path at all, on either way.
+  EXPECT_THROW(m_fs->fileExists(CURI::parse(String("file://") + folderURI().getPath() + "//plain.txt")),
+               CBadPathError);
+#endif
+}
+
 TEST_F(LocalFileSystemTest, ErrorsCarryURIAndKind) {
   CURI missing = uri("missing.txt");
   expectError([&] { m_fs->getFileInfo(missing, true); }, [&](const CError& e) {

@@ -423,6 +423,13 @@ void fillFromAttributes(DWORD attributes, EntryInfo& info) {
 
 }  // namespace
 
+bool getEntryType(const String& path, EntryType& type) {
+  EntryInfo info;
+  if (!statEntry(path, true, info)) return false;
+  type = info.type;
+  return true;
+}
+
 bool statEntry(const String& path, bool followLinks, EntryInfo& info) {
   const std::wstring native = toWin32(path);
   info = EntryInfo();
