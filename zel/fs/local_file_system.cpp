@@ -25,7 +25,10 @@ bool isPlainUnixPath(const CURI& uri) {
   if (uri.hasAuthority() && !uri.getHost().isEmpty()) return false;
   if (uri.hasQuery() || uri.hasFragment() || uri.hasUserInfo() || uri.getPort() >= 0) return false;
   const String& scheme = uri.getScheme();
-  if (scheme.getLength() != 4 || !scheme.startsWithNoCase(L"file")) return false;
+  if (scheme.getLength() != 4) return false;
+  for (int i = 0; i < 4; ++i) {
+    if ((scheme.safeAt(i) | 0x20) != L"file"[i]) return false;  // ASCII case folding
+  }
   const wchar_t* path = uri.getPath().toWChar();
   const int length = uri.getPath().getLength();
   if (length == 0 || path[0] != L'/') return false;
