@@ -15,6 +15,12 @@
 // from getData() are valid only until the next operation that grows the
 // capacity.
 //
+// Allocations of 64 KiB or more start on a 4 KiB page boundary. Bulk copies
+// (file reads, socket transfers, memcpy) between buffers whose addresses
+// differ by a small amount modulo 4 KiB run many times slower on current x86
+// cores, and the default allocator puts large blocks 16 bytes past a page
+// start; page-aligned buffers keep those copies at full speed.
+//
 // TBuffer is a counted object (CBase) so that several owners can share one
 // buffer through P<TBuffer<T>> (create it with createObject); it is also an
 // ordinary value type: a copy is a new buffer with the same used content and
@@ -26,6 +32,7 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <new>
 #include <type_traits>
 #include <utility>
 
@@ -151,15 +158,40 @@ class TBuffer : public CBase {
  private:
   void reallocate(size_t capacity) {
     if (capacity > maxElements()) throw std::bad_alloc();
-    // for_overwrite: the bytes beyond the used length are zeroed when the used
-    // length reaches them (resize), or overwritten (append).
-    std::unique_ptr<T[]> data = std::make_unique_for_overwrite<T[]>(capacity);
+    Storage data = allocate(capacity);
     if (m_size) std::memcpy(static_cast<void*>(data.get()), m_data.get(), m_size * sizeof(T));
     m_data = std::move(data);
     m_capacity = capacity;
   }
 
-  std::unique_ptr<T[]> m_data;
+  static constexpr size_t kPageAlignFrom = 64 * 1024;
+  static constexpr size_t kPageSize = 4096;
+
+  // Frees with the alignment the block was allocated with.
+  struct Deleter {
+    bool pageAligned = false;
+    void operator()(T* data) const {
+      if (pageAligned) {
+        ::operator delete[](static_cast<void*>(data), std::align_val_t{kPageSize});
+      } else {
+        ::operator delete[](static_cast<void*>(data));
+      }
+    }
+  };
+  using Storage = std::unique_ptr<T[], Deleter>;
+
+  // Uninitialised storage: the bytes beyond the used length are zeroed when
+  // the used length reaches them (resize), or overwritten (append).
+  static Storage allocate(size_t capacity) {
+    const size_t bytes = capacity * sizeof(T);
+    if (bytes >= kPageAlignFrom) {
+      return Storage(static_cast<T*>(::operator new[](bytes, std::align_val_t{kPageSize})),
+                     Deleter{true});
+    }
+    return Storage(static_cast<T*>(::operator new[](bytes)), Deleter{false});
+  }
+
+  Storage m_data;
   size_t m_size = 0;
   size_t m_capacity = 0;
   double m_growthFactor = defaultGrowthFactor();

@@ -159,5 +159,16 @@ TEST(BufferTest, SliceRangesAreChecked) {
   EXPECT_EQ(empty.getData(), nullptr);
 }
 
+TEST(BufferTest, LargeAllocationsStartOnAPageBoundary) {
+  // Bulk copies between addresses a few bytes apart modulo 4 KiB are slow;
+  // large buffers must start on a page so I/O into them stays fast.
+  TBuffer<unsigned char> large(1 << 20);
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(large.getData()) % 4096, 0u);
+  large.resize(3 << 20);  // regrown storage keeps the alignment and the content
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(large.getData()) % 4096, 0u);
+  TBuffer<int64> wide(64 * 1024 / sizeof(int64));
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(wide.getData()) % 4096, 0u);
+}
+
 }  // namespace
 }  // namespace zel

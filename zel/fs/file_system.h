@@ -54,22 +54,33 @@
 #include "zel/core/buffer.h"
 #include "zel/core/export.h"
 #include "zel/core/flags.h"
+#include "zel/core/props.h"
 #include "zel/core/string.h"
 #include "zel/core/types.h"
 #include "zel/path/time.h"
 #include "zel/path/uri.h"
+#include "zel/path/uri_selector.h"
 #include "zel/stream/stream.h"
 
 namespace zel {
 
 class IBackgroundOp;
 
-// Supplies and updates credentials for network locations. Its operations
-// (getLoginInfo, updateLoginInfo) arrive with the cross-process file system;
-// until then it is an empty counted interface that file systems only keep.
+// Supplies and updates credentials for network locations. A file system asks
+// it when it needs login data for a location and tells it when it learnt new
+// data (for example after the user typed a password). The cross-process file
+// system forwards both questions from the server to the client's manager.
+// Property keys are the file system's own (user name, password ...).
 class IFileSystemLoginManager : public virtual IBase {
  public:
   ~IFileSystemLoginManager() override = default;
+
+  // The login data for uri; selector (may be null) receives the area the
+  // data applies to, so the caller can reuse it for every URI there. Empty
+  // props when nothing is known.
+  virtual CProps getLoginInfo(const CURI& uri, CURISelector* selector) = 0;
+  // New login data for the area selector describes.
+  virtual void updateLoginInfo(const CURISelector& selector, const CProps& props) = 0;
 };
 
 // Told when a background operation has finished, successfully or not. Called
@@ -160,6 +171,9 @@ class IFileInfoBase : public virtual IBase {
     CachedUnixGroupID = uint64{1} << 24,
     CachedUnixGroupName = uint64{1} << 25,
   };
+
+  // The name the cross-process protocol uses for these bits.
+  using InfoFlag = CachedInfo;
 
   ~IFileInfoBase() override = default;
 

@@ -1,4 +1,4 @@
-// The operating system's ID of the calling thread (internal).
+// The operating system's IDs of the calling thread and process (internal).
 #pragma once
 
 #include "zel/core/types.h"
@@ -6,5 +6,6 @@
 namespace zel {
 
 uint64 getCurrentOSThreadID();
+int64 getCurrentOSProcessID();
 
 }  // namespace zel

@@ -7,4 +7,6 @@ namespace zel {
 
 uint64 getCurrentOSThreadID() { return static_cast<uint64>(syscall(SYS_gettid)); }
 
+int64 getCurrentOSProcessID() { return getpid(); }
+
 }  // namespace zel

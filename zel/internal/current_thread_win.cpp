@@ -5,4 +5,6 @@ namespace zel {
 
 uint64 getCurrentOSThreadID() { return GetCurrentThreadId(); }
 
+int64 getCurrentOSProcessID() { return GetCurrentProcessId(); }
+
 }  // namespace zel

@@ -1,0 +1,122 @@
+#include "zel/fs/proxy/proxy_message.h"
+
+#include <cstring>
+
+#include "zel/core/error.h"
+#include "zel/stream/buffer_stream.h"
+#include "zel/stream/concat_in_stream.h"
+
+namespace zel {
+
+namespace {
+
+int decodeLength(const unsigned char* field) {
+  const uint32 value = static_cast<uint32>(field[0]) | static_cast<uint32>(field[1]) << 8 |
+                       static_cast<uint32>(field[2]) << 16 | static_cast<uint32>(field[3]) << 24;
+  return static_cast<int>(value);
+}
+
+void checkLength(int length, int maxFrameLength) {
+  if (length < 0 || length > maxFrameLength) {
+    throw CIOError(CIOError::InvalidData,
+                   "Proxy filesystem frame length " + String::fromInt64(length) +
+                       " is outside the allowed range 0 to " + String::fromInt64(maxFrameLength));
+  }
+}
+
+}  // namespace
+
+CProxyFileSystemMessage::CProxyFileSystemMessage() : m_buffer(createObject<Buffer>(kHeader)) {}
+
+CProxyFileSystemMessage::~CProxyFileSystemMessage() = default;
+
+P<CDataOutStream> CProxyFileSystemMessage::clearAndOpenOutStream() {
+  m_buffer->resize(kHeader);
+  m_bulk = TConstBufferSlice<unsigned char>();
+  P<CBufferStream> stream = createObject<CBufferStream>(m_buffer);
+  stream->seek(kHeader);
+  return createObject<CDataOutStream>(stream.get());
+}
+
+P<CDataInStream> CProxyFileSystemMessage::openInStream() {
+  P<CBufferStream> payload = createObject<CBufferStream>(m_buffer, true);
+  payload->seek(kHeader);
+  if (m_bulk.isEmpty()) return createObject<CDataInStream>(payload.get());
+  // The tail as a stream of its own over a copy-free view is not available;
+  // readers of tails are tests and tools, so a copy is fine here.
+  P<CBufferStream> tail = createObject<CBufferStream>(m_bulk.getData(), m_bulk.getLength(), true);
+  TArray<P<IInStream>> parts;
+  parts.add(payload);
+  parts.add(tail);
+  return createObject<CDataInStream>(createObject<CConcatInStream>(parts, CURI()).get());
+}
+
+int64 CProxyFileSystemMessage::getPayloadLength() const {
+  return static_cast<int64>(m_buffer->getSize() - kHeader + m_bulk.getLength());
+}
+
+CProxyFileSystemMessage::Buffer CProxyFileSystemMessage::getPayloadBytes() const {
+  Buffer bytes(m_buffer->getData() + kHeader, m_buffer->getSize() - kHeader);
+  bytes.append(m_bulk.getData(), m_bulk.getLength());
+  return bytes;
+}
+
+void CProxyFileSystemMessage::setBulkData(const TConstBufferSlice<unsigned char>& data) {
+  m_bulk = data;
+}
+
+void CProxyFileSystemMessage::write(IOutStream& out) {
+  const int64 length = getPayloadLength();
+  if (length > 0x7FFFFFFF) {
+    throw CIOError(CIOError::InvalidData, "Proxy filesystem message too large to send: " +
+                                              String::fromInt64(length) + " bytes");
+  }
+  unsigned char* header = m_buffer->getData();
+  const uint32 value = static_cast<uint32>(length);
+  header[0] = static_cast<unsigned char>(value);
+  header[1] = static_cast<unsigned char>(value >> 8);
+  header[2] = static_cast<unsigned char>(value >> 16);
+  header[3] = static_cast<unsigned char>(value >> 24);
+  out.write(header, static_cast<int>(m_buffer->getSize()));
+  if (!m_bulk.isEmpty()) out.write(m_bulk.getData(), static_cast<int>(m_bulk.getLength()));
+}
+
+P<CProxyFileSystemMessage> CProxyFileSystemMessage::read(IInStream& in, int maxFrameLength) {
+  unsigned char field[kHeader];
+  return readInternal(in, field, 0, maxFrameLength);
+}
+
+P<CProxyFileSystemMessage> CProxyFileSystemMessage::readIfAvailable(IInStream& in,
+                                                                    int maxFrameLength) {
+  unsigned char field[kHeader];
+  const int got = in.readAvailable(field, kHeader);
+  if (got <= 0) return P<CProxyFileSystemMessage>();
+  return readInternal(in, field, got, maxFrameLength);
+}
+
+int CProxyFileSystemMessage::readFrameLength(IInStream& in, int maxFrameLength) {
+  unsigned char field[kHeader];
+  in.read(field, kHeader);
+  const int length = decodeLength(field);
+  checkLength(length, maxFrameLength);
+  return length;
+}
+
+P<CProxyFileSystemMessage> CProxyFileSystemMessage::readInternal(IInStream& in,
+                                                                 unsigned char* lengthField,
+                                                                 int prefixBytes,
+                                                                 int maxFrameLength) {
+  if (prefixBytes < kHeader) in.read(lengthField + prefixBytes, kHeader - prefixBytes);
+  const int length = decodeLength(lengthField);
+  checkLength(length, maxFrameLength);
+  return readPayload(in, length);
+}
+
+P<CProxyFileSystemMessage> CProxyFileSystemMessage::readPayload(IInStream& in, int length) {
+  P<CProxyFileSystemMessage> message = createObject<CProxyFileSystemMessage>();
+  message->m_buffer->resize(kHeader + static_cast<size_t>(length));
+  if (length > 0) in.read(message->m_buffer->getData() + kHeader, length);
+  return message;
+}
+
+}  // namespace zel

@@ -1,0 +1,152 @@
+#include "zel/ipc/connection_stream.h"
+
+#include "zel/core/error.h"
+
+namespace zel {
+
+namespace {
+
+[[noreturn]] void throwSeekRefused() {
+  throw CIOError(CIOError::SeekFailed, "Seeking is not supported on pipes");
+}
+
+[[noreturn]] void throwLockRefused() {
+  throw CIOError(CIOError::Unknown, "lockRange is not supported on pipes");
+}
+
+void checkCount(int bytes, const void* buffer, const char* function) {
+  if (bytes > 0 && !buffer) throw CInvalidArgError(function, "null buffer");
+}
+
+}  // namespace
+
+CConnectionInStream::~CConnectionInStream() = default;
+
+int64 CConnectionInStream::getPosition() const {
+  checkOpen();
+  return m_position;
+}
+
+void CConnectionInStream::seek(int64) {
+  checkOpen();
+  throwSeekRefused();
+}
+
+P<IStreamLock> CConnectionInStream::lockRange(int64, int64, LockType) {
+  checkOpen();
+  throwLockRefused();
+}
+
+void CConnectionInStream::close() {
+  if (m_closed) return;
+  m_closed = true;
+  closeTransport();
+}
+
+void CConnectionInStream::checkOpen() const {
+  if (m_closed) throw CIOError(CIOError::StreamClosed);
+}
+
+void CConnectionInStream::read(void* buffer, int bytes) {
+  if (readLax(buffer, bytes) < bytes) throw CIOError(CIOError::UnexpectedEnd);
+}
+
+int CConnectionInStream::readLax(void* buffer, int bytes) {
+  checkOpen();
+  checkCount(bytes, buffer, "CConnectionInStream::readLax");
+  int done = 0;
+  while (done < bytes) {
+    const int got = receive(static_cast<char*>(buffer) + done, bytes - done, true);
+    if (got <= 0) break;
+    done += got;
+    m_position += got;
+  }
+  return done;
+}
+
+int CConnectionInStream::readAvailable(void* buffer, int bytes) {
+  checkOpen();
+  checkCount(bytes, buffer, "CConnectionInStream::readAvailable");
+  if (bytes <= 0) return 0;
+  const int got = receive(buffer, bytes, false);
+  m_position += got;
+  return got;
+}
+
+bool CConnectionInStream::waitReadable(int timeout) const {
+  checkOpen();
+  return pollReadable(timeout) != NotReady;
+}
+
+bool CConnectionInStream::isEndOfStream() const {
+  checkOpen();
+  return pollReadable(-1) == Ended;
+}
+
+int CConnectionInStream::isEndOfStream_NonBlocking() const {
+  checkOpen();
+  return pollReadable(0) == Ended ? 1 : 0;
+}
+
+CConnectionOutStream::~CConnectionOutStream() = default;
+
+int64 CConnectionOutStream::getPosition() const {
+  checkOpen();
+  return m_position;
+}
+
+void CConnectionOutStream::seek(int64) {
+  checkOpen();
+  throwSeekRefused();
+}
+
+P<IStreamLock> CConnectionOutStream::lockRange(int64, int64, LockType) {
+  checkOpen();
+  throwLockRefused();
+}
+
+void CConnectionOutStream::close() {
+  if (m_closed) return;
+  m_closed = true;
+  closeTransport();
+}
+
+void CConnectionOutStream::checkOpen() const {
+  if (m_closed) throw CIOError(CIOError::StreamClosed);
+}
+
+void CConnectionOutStream::write(const void* buffer, int bytes, IWriteBarrier*) {
+  checkOpen();
+  if (bytes < 0) throw CInvalidArgError("CConnectionOutStream::write", "negative byte count");
+  checkCount(bytes, buffer, "CConnectionOutStream::write");
+  if (bytes == 0) return;
+  send(buffer, bytes);
+  m_position += bytes;
+}
+
+void CConnectionOutStream::writeKeepBuffer(const TConstBufferSlice<unsigned char>& data,
+                                           IWriteBarrier* barrier) {
+  // Sending copies the bytes, so nothing of the buffer is kept.
+  const unsigned char* bytes = data.getData();
+  size_t left = data.getLength();
+  while (left > 0) {
+    const int chunk = left > (1u << 30) ? (1 << 30) : static_cast<int>(left);
+    write(bytes, chunk, barrier);
+    bytes += chunk;
+    left -= static_cast<size_t>(chunk);
+  }
+}
+
+P<IWriteBarrier> CConnectionOutStream::createWriteBarrier(IWriteBarrier* parent) {
+  checkOpen();
+  return createObject<CImmediateWriteBarrier>(parent);
+}
+
+void CConnectionOutStream::flush() { checkOpen(); }
+
+void CConnectionOutStream::setLength(int64) {
+  checkOpen();
+  throwSeekRefused();
+}
+
+}  // namespace zel

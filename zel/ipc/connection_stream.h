@@ -1,0 +1,95 @@
+// CConnectionInStream and CConnectionOutStream: the stream halves of an
+// IConnection, written once for every transport. A transport implements the
+// few hooks that move bytes (receive, pollReadable, send, closeTransport); the
+// rest of the stream contract lives here:
+//   - the length is unknown (-1); the position counts the bytes moved;
+//   - seeking, range locks and setLength are refused ("Seeking is not
+//     supported on pipes", "lockRange is not supported on pipes");
+//   - writes complete on return, so a write barrier is immediate;
+//   - after close() every operation but close() throws StreamClosed.
+#pragma once
+
+#include "zel/core/base.h"
+#include "zel/core/export.h"
+#include "zel/core/types.h"
+#include "zel/stream/stream.h"
+
+namespace zel {
+
+class ZEL_API CConnectionInStream : public CBase, public IInStream {
+ public:
+  ~CConnectionInStream() override;
+
+  int64 getLength() const override { return -1; }
+  int64 getPosition() const override;
+  CURI getURI() override { return CURI(); }
+  void seek(int64 position) override;
+  P<IStreamLock> lockRange(int64 startPos, int64 bytes, LockType type) override;
+  void close() override;
+
+  // Reads exactly bytes; an end of the connection before that is CIOError
+  // UnexpectedEnd.
+  void read(void* buffer, int bytes) override;
+  int readLax(void* buffer, int bytes) override;
+  int readAvailable(void* buffer, int bytes) override;
+  bool waitReadable(int timeout) const override;
+  bool isEndOfStream() const override;
+  int isEndOfStream_NonBlocking() const override;
+
+ protected:
+  enum Readiness { NotReady = 0, DataReady = 1, Ended = 2 };
+
+  CConnectionInStream() = default;
+
+  // Blocking (wait true): waits until at least one byte has come and returns
+  // how many were stored (at most bytes), or 0 when the other end closed.
+  // Non-blocking: returns what is there now, 0 when nothing is (an end seen
+  // then is reported by pollReadable). Failures throw.
+  virtual int receive(void* buffer, int bytes, bool wait) = 0;
+  // Waits up to timeoutMs (-1: without limit, 0: not at all) for data or the
+  // end; never consumes anything.
+  virtual Readiness pollReadable(int timeoutMs) const = 0;
+  // Releases this half's hold on the transport; called once.
+  virtual void closeTransport() = 0;
+
+  void checkOpen() const;
+  bool isClosed() const { return m_closed; }
+
+ private:
+  int64 m_position = 0;
+  bool m_closed = false;
+};
+
+class ZEL_API CConnectionOutStream : public CBase, public IOutStream {
+ public:
+  ~CConnectionOutStream() override;
+
+  int64 getLength() const override { return -1; }
+  int64 getPosition() const override;
+  CURI getURI() override { return CURI(); }
+  void seek(int64 position) override;
+  P<IStreamLock> lockRange(int64 startPos, int64 bytes, LockType type) override;
+  void close() override;
+
+  void write(const void* buffer, int bytes, IWriteBarrier* barrier = nullptr) override;
+  void writeKeepBuffer(const TConstBufferSlice<unsigned char>& data,
+                       IWriteBarrier* barrier = nullptr) override;
+  P<IWriteBarrier> createWriteBarrier(IWriteBarrier* parent = nullptr) override;
+  void flush() override;
+  void setLength(int64 length) override;
+
+ protected:
+  CConnectionOutStream() = default;
+
+  // Sends all bytes (bytes > 0) or throws.
+  virtual void send(const void* buffer, int bytes) = 0;
+  virtual void closeTransport() = 0;
+
+  void checkOpen() const;
+
+ private:
+  int64 m_position = 0;
+  bool m_closed = false;
+};
+
+}  // namespace zel
