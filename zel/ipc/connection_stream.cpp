@@ -38,8 +38,7 @@ P<IStreamLock> CConnectionInStream::lockRange(int64, int64, LockType) {
 }
 
 void CConnectionInStream::close() {
-  if (m_closed) return;
-  m_closed = true;
+  if (m_closed.exchange(true)) return;
   closeTransport();
 }
 
@@ -106,8 +105,7 @@ P<IStreamLock> CConnectionOutStream::lockRange(int64, int64, LockType) {
 }
 
 void CConnectionOutStream::close() {
-  if (m_closed) return;
-  m_closed = true;
+  if (m_closed.exchange(true)) return;
   closeTransport();
 }
 

@@ -9,6 +9,8 @@
 //   - after close() every operation but close() throws StreamClosed.
 #pragma once
 
+#include <atomic>
+
 #include "zel/core/base.h"
 #include "zel/core/export.h"
 #include "zel/core/types.h"
@@ -57,7 +59,9 @@ class ZEL_API CConnectionInStream : public CBase, public IInStream {
 
  private:
   int64 m_position = 0;
-  bool m_closed = false;
+  // Atomic: IConnection::close() may close the streams from another thread
+  // while their owner reads or writes.
+  std::atomic<bool> m_closed{false};
 };
 
 class ZEL_API CConnectionOutStream : public CBase, public IOutStream {
@@ -89,7 +93,7 @@ class ZEL_API CConnectionOutStream : public CBase, public IOutStream {
 
  private:
   int64 m_position = 0;
-  bool m_closed = false;
+  std::atomic<bool> m_closed{false};
 };
 
 }  // namespace zel
