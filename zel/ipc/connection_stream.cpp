@@ -1,5 +1,8 @@
 #include "zel/ipc/connection_stream.h"
 
+#include <algorithm>
+#include <cstring>
+
 #include "zel/core/error.h"
 
 namespace zel {
@@ -50,16 +53,34 @@ void CConnectionInStream::read(void* buffer, int bytes) {
   if (readLax(buffer, bytes) < bytes) throw CIOError(CIOError::UnexpectedEnd);
 }
 
+int CConnectionInStream::takeBuffered(void* buffer, int bytes) {
+  const int count = std::min(bytes, m_smallEnd - m_smallStart);
+  if (count <= 0) return 0;
+  std::memcpy(buffer, m_small + m_smallStart, static_cast<size_t>(count));
+  m_smallStart += count;
+  return count;
+}
+
 int CConnectionInStream::readLax(void* buffer, int bytes) {
   checkOpen();
   checkCount(bytes, buffer, "CConnectionInStream::readLax");
-  int done = 0;
+  if (bytes <= 0) return 0;
+  char* out = static_cast<char*>(buffer);
+  int done = takeBuffered(out, bytes);
   while (done < bytes) {
-    const int got = receive(static_cast<char*>(buffer) + done, bytes - done, true);
+    const int want = bytes - done;
+    int got;
+    if (want < kSmallReadBuffer) {
+      m_smallStart = m_smallEnd = 0;
+      m_smallEnd = receive(m_small, kSmallReadBuffer, true);
+      got = takeBuffered(out + done, want);
+    } else {
+      got = receive(out + done, want, true);
+    }
     if (got <= 0) break;
     done += got;
-    m_position += got;
   }
+  m_position += done;
   return done;
 }
 
@@ -67,24 +88,25 @@ int CConnectionInStream::readAvailable(void* buffer, int bytes) {
   checkOpen();
   checkCount(bytes, buffer, "CConnectionInStream::readAvailable");
   if (bytes <= 0) return 0;
-  const int got = receive(buffer, bytes, false);
+  int got = takeBuffered(buffer, bytes);
+  if (got < bytes) got += receive(static_cast<char*>(buffer) + got, bytes - got, false);
   m_position += got;
   return got;
 }
 
 bool CConnectionInStream::waitReadable(int timeout) const {
   checkOpen();
-  return pollReadable(timeout) != NotReady;
+  return m_smallStart < m_smallEnd || pollReadable(timeout) != NotReady;
 }
 
 bool CConnectionInStream::isEndOfStream() const {
   checkOpen();
-  return pollReadable(-1) == Ended;
+  return m_smallStart == m_smallEnd && pollReadable(-1) == Ended;
 }
 
 int CConnectionInStream::isEndOfStream_NonBlocking() const {
   checkOpen();
-  return pollReadable(0) == Ended ? 1 : 0;
+  return m_smallStart == m_smallEnd && pollReadable(0) == Ended ? 1 : 0;
 }
 
 CConnectionOutStream::~CConnectionOutStream() = default;

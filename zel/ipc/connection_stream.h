@@ -7,6 +7,12 @@
 //     supported on pipes", "lockRange is not supported on pipes");
 //   - writes complete on return, so a write barrier is immediate;
 //   - after close() every operation but close() throws StreamClosed.
+//
+// Reading is buffered for small reads only: a read of less than
+// kSmallReadBuffer bytes receives whatever is there (up to that size) into a
+// small buffer, so a frame's length field and a short payload that arrived
+// together cost one system call; larger reads go straight into the caller's
+// buffer, so bulk data is never copied twice.
 #pragma once
 
 #include <atomic>
@@ -58,6 +64,14 @@ class ZEL_API CConnectionInStream : public CBase, public IInStream {
   bool isClosed() const { return m_closed; }
 
  private:
+  static constexpr int kSmallReadBuffer = 4096;
+
+  // Takes up to bytes from the small buffer; returns the count taken.
+  int takeBuffered(void* buffer, int bytes);
+
+  unsigned char m_small[kSmallReadBuffer];
+  int m_smallStart = 0;
+  int m_smallEnd = 0;
   int64 m_position = 0;
   // Atomic: IConnection::close() may close the streams from another thread
   // while their owner reads or writes.

@@ -37,8 +37,8 @@
 //     EADDRINUSE ("The IPC address is in use by a running server"); a stale
 //     file (ECONNREFUSED) is removed and replaced. Any other kind of file
 //     there is refused (EEXIST). Probe, removal, bind and listen happen under
-//     an exclusive lock on "<path>.lock", so that two servers starting at once
-//     can never remove each other's live socket. The lock file is kept.
+//     an exclusive flock on the socket folder, so that two servers starting
+//     at once can never remove each other's live socket.
 //   - The socket file gets mode 0600 (per-user) or 0666 (global), set after
 //     bind whatever the umask (the per-user folder is 0700 in any case).
 //   - beginAcceptConnection / tryAcceptConnection(timeoutMs) /

@@ -402,20 +402,15 @@ CUnixSocketServer::CUnixSocketServer(const String& path, bool global)
 
     // Probe, removal of a stale file, bind and listen under one lock, so that
     // a server starting at the same moment sees either nothing or our live
-    // socket, never a half-made one it would take for stale.
-    const std::string lockPath = state.native + ".lock";
+    // socket, never a half-made one it would take for stale. The lock is the
+    // socket folder itself (flock works on a folder opened for reading), so
+    // no lock files are left behind.
+    const size_t slash = state.native.rfind('/');
+    const std::string folder = slash == 0 ? std::string("/") : state.native.substr(0, slash);
     CFd lock(retryEINTR([&] {
-      return ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW,
-                    global ? 0666 : 0600);
+      return ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
     }));
-    // Another user's lock file in the global folder: reading is enough for
-    // flock.
-    if (lock.get() < 0 && errno == EACCES) {
-      lock.reset(retryEINTR(
-          [&] { return ::open(lockPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW); }));
-    }
     if (lock.get() < 0) failSys(errno, "open", action, path);
-    if (global) ::fchmod(lock.get(), 0666);  // against the umask; fails harmlessly if not ours
     if (retryEINTR([&] { return ::flock(lock.get(), LOCK_EX); }) != 0) {
       failSys(errno, "flock", action, path);
     }
