@@ -1,79 +1,46 @@
 // zel: the library's command-line tool.
 //
-//   zel info    library version, platform, wxWidgets version, the current
-//               8-bit code page, and a self-check that initialises and
-//               disposes the library.
+//   zel info                 library version, platform, wxWidgets version, the
+//                            current 8-bit code page, and a self-check.
+//   zel serve --share NAME=FOLDER ... [--address NAME] [--global]
+//                            serves folders to other processes until stopped
+//                            (Ctrl+C); a share named NAME is reached as
+//                            zel://NAME/...
+//   zel fs [--address NAME] COMMAND ARGS
+//                            a client of such a server: ls, stat, get, put,
+//                            mkdir, rm, mv, df (zel fs help lists them).
+//   zel demo                 starts a server process on a temporary folder and
+//                            runs a client session against it, timing each step.
 #include <cstdio>
-#include <cstring>
 
-#include "zel/core/error.h"
-#include "zel/core/string.h"
-#include "zel/core/version.h"
-#include "zel/core/zel_init.h"
-#include "zel/log/xml_log.h"
-#include "zel/system/system_info.h"
+#include "tool.h"
 
 namespace {
 
-void printLine(const char* label, const zel::String& value) {
-  std::printf("%-18s %s\n", label, value.toCPSafe().data());
-}
-
 int usage() {
   std::fprintf(stderr,
-               "usage: zel <command>\n"
+               "usage: zel <command> [arguments]\n"
                "\n"
                "commands:\n"
-               "  info    library version, platform and a self-check\n");
+               "  info     library version, platform and a self-check\n"
+               "  serve    --share NAME=FOLDER ... [--address NAME] [--global]\n"
+               "           serve folders to other processes (Ctrl+C stops)\n"
+               "  fs       [--address NAME] ls|stat|get|put|mkdir|rm|mv|df ARGS\n"
+               "           use a running server (zel fs help for details)\n"
+               "  demo     a server process and a client session against it\n");
   return 2;
-}
-
-// Brings the library up, exercises the pieces every caller leans on and
-// takes it down again. Returns the failure text, or an empty String.
-zel::String selfCheck() {
-  try {
-    {
-      zel::CZelInit init;
-      zel::CXMLLog::getGlobal()->setFileEnabled(false);
-      zel::CLogCapture capture;
-      zel::logInfo("zel info: self-check");
-      if (!capture.contains(zel::LogLevel::Info, "self-check")) return "the log lost an entry";
-      zel::String formatted = zel::CStringFormat("%s=%05d") << zel::String("x") << 42;
-      if (formatted != "x=00042") return "formatting gave " + formatted;
-      try {
-        throw zel::CIOError(zel::CIOError::UnexpectedEnd, zel::String());
-      } catch (const zel::CError& e) {
-        zel::P<zel::CError> stored = e.clone();
-        try {
-          stored->throwClone();
-        } catch (const zel::CIOError& again) {
-          if (!again.isError("IO", 4)) return "a re-thrown error changed its code";
-        }
-      }
-    }
-    zel::CZelInit::onApplicationExit();
-    return zel::String();
-  } catch (const std::exception& e) {
-    return zel::String(e.what());
-  }
-}
-
-int info() {
-  printLine("zel", ZEL_VERSION_STRING);
-  printLine("platform", zel::getPlatformDescription());
-  printLine("wxWidgets", zel::getWxVersionString());
-  zel::String failure = selfCheck();
-  // The locale is set by the library's start-up, so the code page is read
-  // after it.
-  printLine("code page", zel::getCurrentCodePageName());
-  printLine("self-check", failure.isEmpty() ? zel::String("ok") : "FAILED: " + failure);
-  return failure.isEmpty() ? 0 : 1;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc < 2) return usage();
-  if (std::strcmp(argv[1], "info") == 0) return info();
+  const zel::String command = zel::String::fromCP(argv[1]);
+  zeltool::Args args;
+  for (int i = 2; i < argc; ++i) args.push_back(zel::String::fromCP(argv[i]));
+  if (command == "info") return zeltool::info();
+  if (command == "serve") return zeltool::serve(args);
+  if (command == "fs") return zeltool::fsClient(args);
+  if (command == "demo") return zeltool::demo(args);
   return usage();
 }

@@ -41,8 +41,11 @@ class CInProcessInStream : public CConnectionInStream {
     std::unique_lock lock(m_state->mutex);
     Channel& channel = m_state->channels[m_channel];
     if (wait) {
-      m_state->changed.wait(lock, [&] { return !channel.bytes.empty() || channel.writerClosed; });
+      m_state->changed.wait(lock, [&] {
+        return !channel.bytes.empty() || channel.writerClosed || channel.readerClosed;
+      });
     }
+    if (channel.readerClosed) return 0;  // closed from another thread: ends the read
     const size_t count = std::min(channel.bytes.size(), static_cast<size_t>(bytes));
     std::copy_n(channel.bytes.begin(), count, static_cast<unsigned char*>(buffer));
     channel.bytes.erase(channel.bytes.begin(), channel.bytes.begin() + static_cast<ptrdiff_t>(count));
@@ -52,12 +55,15 @@ class CInProcessInStream : public CConnectionInStream {
   Readiness pollReadable(int timeoutMs) const override {
     std::unique_lock lock(m_state->mutex);
     const Channel& channel = m_state->channels[m_channel];
-    auto ready = [&] { return !channel.bytes.empty() || channel.writerClosed; };
+    auto ready = [&] {
+      return !channel.bytes.empty() || channel.writerClosed || channel.readerClosed;
+    };
     if (timeoutMs < 0) {
       m_state->changed.wait(lock, ready);
     } else {
       m_state->changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), ready);
     }
+    if (channel.readerClosed) return Ended;
     if (!channel.bytes.empty()) return DataReady;
     return channel.writerClosed ? Ended : NotReady;
   }

@@ -4,7 +4,6 @@
 
 #include "zel/core/error.h"
 #include "zel/stream/buffer_stream.h"
-#include "zel/stream/concat_in_stream.h"
 
 namespace zel {
 
@@ -39,16 +38,15 @@ P<CDataOutStream> CProxyFileSystemMessage::clearAndOpenOutStream() {
 }
 
 P<CDataInStream> CProxyFileSystemMessage::openInStream() {
-  P<CBufferStream> payload = createObject<CBufferStream>(m_buffer, true);
-  payload->seek(kHeader);
-  if (m_bulk.isEmpty()) return createObject<CDataInStream>(payload.get());
-  // The tail as a stream of its own over a copy-free view is not available;
-  // readers of tails are tests and tools, so a copy is fine here.
-  P<CBufferStream> tail = createObject<CBufferStream>(m_bulk.getData(), m_bulk.getLength(), true);
-  TArray<P<IInStream>> parts;
-  parts.add(payload);
-  parts.add(tail);
-  return createObject<CDataInStream>(createObject<CConcatInStream>(parts, CURI()).get());
+  if (m_bulk.isEmpty()) {
+    P<CBufferStream> payload = createObject<CBufferStream>(m_buffer, true);
+    payload->seek(kHeader);
+    return createObject<CDataInStream>(payload.get());
+  }
+  // Receivers of bulk data read it straight from the connection; a message
+  // with a tail is read back only by tests and tools, so a copy is fine.
+  P<Buffer> whole = createObject<Buffer>(getPayloadBytes());
+  return createObject<CDataInStream>(createObject<CBufferStream>(whole, true).get());
 }
 
 int64 CProxyFileSystemMessage::getPayloadLength() const {

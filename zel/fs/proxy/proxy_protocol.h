@@ -141,7 +141,9 @@
 
 namespace zel {
 
-class ZEL_API CProxyFileSystemBase {
+// Not exported as a whole: its constants are inline in every module (an
+// exported class's static data would be imported from the DLL on Windows).
+class CProxyFileSystemBase {
  public:
   enum FuncID {
     FuncCreateFolder = 0,
@@ -232,17 +234,17 @@ class ZEL_API CProxyFileSystemBase {
 
   // The function's name as in the table above ("fileExists"), or empty for a
   // number without one; for logs and tools.
-  static String getFuncName(int funcID);
+  ZEL_API static String getFuncName(int funcID);
 
   // Writes the value of one info item (bit flag, see above) of info.
-  static void writeInfoItem(CDataOutStream& out, IFileInfoBase& info, uint64 flag);
+  ZEL_API static void writeInfoItem(CDataOutStream& out, IFileInfoBase& info, uint64 flag);
   // Writes mask and then the items it names; bits outside kAllInfoItems are
   // dropped from the mask.
-  static void writeInfoItemsByMask(CDataOutStream& out, IFileInfoBase& info, uint64 mask);
+  ZEL_API static void writeInfoItemsByMask(CDataOutStream& out, IFileInfoBase& info, uint64 mask);
   // Reads what writeInfoItemsByMask wrote into info: sets each value and adds
   // the received CachedInfo bits to info's cached-info mask. Returns the mask
   // read. Unknown bits: CIOError InvalidData.
-  static uint64 readInfoItems(CDataInStream& in, CFileInfoBase& info);
+  ZEL_API static uint64 readInfoItems(CDataInStream& in, CFileInfoBase& info);
 };
 
 }  // namespace zel

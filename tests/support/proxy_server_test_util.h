@@ -1,0 +1,368 @@
+// Test helpers for the proxy file-system tests (not part of the library):
+// raw request frames, response parsing and an in-memory file system that
+// counts what reaches it.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "zel/core/error.h"
+#include "zel/fs/file_system.h"
+#include "zel/fs/proxy/proxy_message.h"
+#include "zel/stream/buffer_stream.h"
+#include "zel/stream/stored_error.h"
+#include "zel/thread/mutex.h"
+
+namespace zel::proxy_test {
+
+using Bytes = std::vector<unsigned char>;
+
+// One request payload: funcID, then the arguments as appended.
+class CRequest {
+ public:
+  explicit CRequest(int funcID)
+      : m_message(createObject<CProxyFileSystemMessage>()),
+        m_out(m_message->clearAndOpenOutStream()) {
+    m_out->writeInt32(funcID);
+  }
+  CRequest& i32(int value) {
+    m_out->writeInt32(value);
+    return *this;
+  }
+  CRequest& i64(int64 value) {
+    m_out->writeInt64(value);
+    return *this;
+  }
+  CRequest& u64(uint64 value) {
+    m_out->writeUInt64(value);
+    return *this;
+  }
+  CRequest& b(bool value) {
+    m_out->writeBool(value);
+    return *this;
+  }
+  CRequest& str(const String& value) {
+    m_out->writeString(value);
+    return *this;
+  }
+  CRequest& uri(const CURI& value) { return str(value.toString(true)); }
+  CRequest& raw(const std::string& bytes) {
+    m_out->write(bytes.data(), static_cast<int>(bytes.size()));
+    return *this;
+  }
+  CProxyFileSystemMessage& message() { return *m_message; }
+  // The whole frame, length field included.
+  Bytes frame() const {
+    P<CBufferStream> sink = createObject<CBufferStream>();
+    m_message->write(*sink);
+    const auto& data = *sink->getBuffer();
+    return Bytes(data.getData(), data.getData() + data.getSize());
+  }
+
+ private:
+  P<CProxyFileSystemMessage> m_message;
+  P<CDataOutStream> m_out;
+};
+
+// A parsed response: its type and, for an error, the loaded error; results
+// are read from in.
+struct CResponse {
+  int type = -1;
+  P<CDataInStream> in;
+  P<CError> error;
+
+  bool isOK() const { return type == 1; }
+  // For failure messages.
+  std::string describe() const {
+    if (type == 1) return "result";
+    if (error) return error->getDesc().toStdUTF8();
+    return "response type " + std::to_string(type);
+  }
+  std::string readBytes(int count) {
+    std::string bytes(static_cast<size_t>(count), '\0');
+    if (count > 0) in->read(bytes.data(), count);
+    return bytes;
+  }
+  // Nothing may follow the results.
+  bool atEnd() const { return in->getPosition() == in->getLength(); }
+};
+
+// Reads a copy of the payload: a message's own in-stream is not used here,
+// so responses with a bulk tail are read the same way as a receiver of the
+// frame reads them.
+inline CResponse parseResponse(CProxyFileSystemMessage& message) {
+  CResponse response;
+  const auto bytes = message.getPayloadBytes();
+  P<CBufferStream> payload = createObject<CBufferStream>(bytes.getData(), bytes.getSize(), true);
+  response.in = createObject<CDataInStream>(payload.get());
+  response.type = response.in->readInt32();
+  if (response.type == CProxyFileSystemBase::ResponseError)
+    response.error = loadError(*response.in);
+  return response;
+}
+
+inline Bytes payloadOf(const CProxyFileSystemMessage& message) {
+  auto bytes = message.getPayloadBytes();
+  return Bytes(bytes.getData(), bytes.getData() + bytes.getSize());
+}
+
+// The problem number an error response carries.
+inline int problemOf(const CError& error) {
+  return static_cast<int>(CFileSystemError::getProblem(error.getParams()));
+}
+
+// A finished-on-demand background operation.
+class CFakeOp : public CBase, public IBackgroundOp {
+ public:
+  bool hasFinished() override { return m_finished.load(); }
+  bool waitFinished(int) override { return m_finished.load(); }
+  void throwErrorIfFailed() override {
+    if (!m_finished.load()) throw CBadStateError("not finished");
+    if (m_error) m_error->throwClone();
+  }
+  void finish(const CError* error = nullptr) {
+    if (error) m_error = error->clone();
+    m_finished.store(true);
+  }
+
+ private:
+  std::atomic<bool> m_finished{false};
+  P<CError> m_error;
+};
+
+// An in-memory file system addressed by the decoded paths of its URIs. It
+// counts every call, keeps its login manager and lets tests hook some calls.
+class CMemFileSystem : public CBase, public IFileSystem {
+ public:
+  struct Entry {
+    String path;
+    bool folder = false;
+    P<TBuffer<unsigned char>> data;
+    int64 unixMode = 0;
+  };
+
+  static constexpr int64 kModifiedTime = 1700000000000000;
+
+  void addFile(const String& path, const std::string& content) {
+    Entry entry;
+    entry.path = path;
+    entry.data = createObject<TBuffer<unsigned char>>(
+        reinterpret_cast<const unsigned char*>(content.data()), content.size());
+    entry.unixMode = 0100644;
+    m_entries.push_back(entry);
+  }
+  void addFolder(const String& path) {
+    Entry entry;
+    entry.path = path;
+    entry.folder = true;
+    entry.unixMode = 040755;
+    m_entries.push_back(entry);
+  }
+
+  int getCallCount() const { return m_calls.load(); }
+  P<IFileSystemLoginManager> getLoginManagerSet() {
+    CMutexLock lock(m_mutex);
+    return m_loginManager;
+  }
+  const std::vector<P<CFakeOp>>& getOps() const { return m_ops; }
+  // The last symbolic link asked for: link and target.
+  std::pair<CURI, CURI> getLastSymLink() const { return m_lastSymLink; }
+
+  // Hooks: when set, fileExists and deleteFile call them instead.
+  std::function<bool(const CURI&)> onFileExists;
+  std::function<void(const CURI&)> onDeleteFile;
+
+  void setLoginManager(IFileSystemLoginManager* loginManager) override {
+    CMutexLock lock(m_mutex);
+    m_loginManager = loginManager;
+  }
+  P<IBackgroundOp> backgroundStore(const CURI&, int64, IInStream*, bool, IDoneListener*) override {
+    return newOp();
+  }
+  P<IBackgroundOp> backgroundCreateFolder(const CURI&, int, IDoneListener*) override {
+    return newOp();
+  }
+  P<IBackgroundOp> backgroundMoveFileOrFolder(const CURI&, const CURI&, bool,
+                                              IDoneListener*) override {
+    return newOp();
+  }
+  P<IBackgroundOp> backgroundDeleteFile(const CURI&, IDoneListener*) override { return newOp(); }
+  P<IFileInfoBase> getFileInfo(const CURI& uri, bool) override {
+    count();
+    return infoOf(need(uri));
+  }
+  P<IFileMetaModifier> createMetaModifier(const CURI&, bool) override { return unsupported(); }
+  int64 getFileSectorSize(const CURI&) override {
+    count();
+    return 512;
+  }
+  P<IFolderContentsIterator> getFolderContents(const CURI& uri) override;
+  P<IIOStream> createStream(const CURI& uri, IIOStream::Access access,
+                            TFlags<IIOStream::Flags> flags) override {
+    count();
+    Entry* entry = find(uri);
+    if (entry && flags.has(IIOStream::FlagFailIfAlreadyExists)) throw CError("exists");
+    if (!entry) {
+      if (access == IIOStream::AccessRead) throw CError("not found");
+      addFile(uri.getDecodedPath(), std::string());
+      entry = &m_entries.back();
+    }
+    return createObject<CBufferStream>(entry->data, access == IIOStream::AccessRead);
+  }
+  P<IIOStream> createSubDataStream(const CURI&, const String&, IIOStream::Access,
+                                   TFlags<IIOStream::Flags>) override {
+    return unsupported();
+  }
+  void createFolder(const CURI& uri, int) override {
+    count();
+    addFolder(uri.getDecodedPath());
+  }
+  bool ensureFolderExists(const CURI&, int) override { return unsupported(); }
+  void ensureFileExists(const CURI&) override { unsupported(); }
+  void createFileHardLink(const CURI&, const CURI&) override { unsupported(); }
+  void createFolderHardLink(const CURI&, const CURI&) override { unsupported(); }
+  void createFileSymLink(const CURI& link, const CURI& target) override {
+    count();
+    m_lastSymLink = {link, target};
+  }
+  void createFolderSymLink(const CURI& link, const CURI& target) override {
+    count();
+    m_lastSymLink = {link, target};
+  }
+  bool fileExists(const CURI& uri) override {
+    count();
+    if (onFileExists) return onFileExists(uri);
+    Entry* entry = find(uri);
+    return entry && !entry->folder;
+  }
+  bool folderExists(const CURI& uri) override {
+    count();
+    Entry* entry = find(uri);
+    return entry && entry->folder;
+  }
+  bool pathExists(const CURI& uri) override {
+    count();
+    return find(uri) != nullptr;
+  }
+  bool quickCheckFolderAccessible(const CURI& uri) override { return folderExists(uri); }
+  bool isFolderEmpty(const CURI&) override { return unsupported(); }
+  void deleteFile(const CURI& uri, bool) override {
+    count();
+    if (onDeleteFile) onDeleteFile(uri);
+  }
+  void deleteSymLink(const CURI&) override { unsupported(); }
+  void deleteEmptyFolder(const CURI&, bool) override { unsupported(); }
+  void unlinkFolder(const CURI&) override { unsupported(); }
+  CURI getVolumeRootPath(const CURI&) override {
+    count();
+    return CURI("file:///");
+  }
+  CURI createUniqueFilename(const CURI& folder, const String& name) override {
+    count();
+    return folder.append(name);
+  }
+  CURI createUniqueFolderName(const CURI& folder, const String& name) override {
+    count();
+    return folder.append(name);
+  }
+  void moveFileOrFolder(const CURI&, const CURI&, bool) override { count(); }
+  void copyFile(const CURI&, const CURI&, bool) override { count(); }
+  int64 getFreeSpaceInFolder(const CURI&) override {
+    count();
+    return 1 << 20;
+  }
+  String getAccountOrUserNameUsedForAccess(const CURI&) override {
+    count();
+    return String("tester");
+  }
+  P<CNativeMetaData> getNativeMetaData(const CURI&, bool, const String&) override {
+    return unsupported();
+  }
+
+  static P<IFileInfoBase> infoOf(const Entry& entry) {
+    P<CFileInfoBase> info = createObject<CFileInfoBase>();
+    info->setType(entry.folder ? IFileInfoBase::TypeFolder : IFileInfoBase::TypeFile);
+    info->setSize(entry.folder ? 0 : static_cast<int64>(entry.data->getSize()));
+    info->setDataModifiedTime(CTime(kModifiedTime));
+    info->setHasWindowsInfo(false);
+    info->setHasUnixInfo(true);
+    info->setUnixMode(entry.unixMode);
+    return info;
+  }
+
+  const std::vector<Entry>& getEntries() const { return m_entries; }
+
+ private:
+  void count() { ++m_calls; }
+  struct CUnsupported {
+    template <class T>
+    operator T() const {
+      throw CNotImplementedError("CMemFileSystem");
+    }
+  };
+  CUnsupported unsupported() {
+    count();
+    return CUnsupported();
+  }
+  P<IBackgroundOp> newOp() {
+    count();
+    P<CFakeOp> op = createObject<CFakeOp>();
+    m_ops.push_back(op);
+    return op;
+  }
+  Entry* find(const CURI& uri) {
+    const String path = uri.getDecodedPath();
+    for (Entry& entry : m_entries) {
+      if (entry.path == path) return &entry;
+    }
+    return nullptr;
+  }
+  Entry& need(const CURI& uri) {
+    Entry* entry = find(uri);
+    if (!entry) throw CError("not found");
+    return *entry;
+  }
+
+  std::atomic<int> m_calls{0};
+  CMutex m_mutex;
+  P<IFileSystemLoginManager> m_loginManager;
+  std::vector<Entry> m_entries;
+  std::vector<P<CFakeOp>> m_ops;
+  std::pair<CURI, CURI> m_lastSymLink;
+};
+
+class CMemFolderIterator : public CBase, public IFolderContentsIterator {
+ public:
+  explicit CMemFolderIterator(std::vector<CMemFileSystem::Entry> entries)
+      : m_entries(std::move(entries)) {}
+  bool nextItem() override { return ++m_index < static_cast<int>(m_entries.size()); }
+  String getItemName() override {
+    const std::wstring path = m_entries.at(static_cast<size_t>(m_index)).path.toStdWString();
+    return String(path.substr(path.rfind(L'/') + 1));
+  }
+  P<IFileInfoBase> getItemInfo() override {
+    return CMemFileSystem::infoOf(m_entries.at(static_cast<size_t>(m_index)));
+  }
+
+ private:
+  std::vector<CMemFileSystem::Entry> m_entries;
+  int m_index = -1;
+};
+
+inline P<IFolderContentsIterator> CMemFileSystem::getFolderContents(const CURI& uri) {
+  count();
+  const String folder = uri.getDecodedPath();
+  std::vector<Entry> children;
+  for (const Entry& entry : m_entries) {
+    const std::wstring path = entry.path.toStdWString();
+    const size_t slash = path.rfind(L'/');
+    if (slash != std::wstring::npos && String(path.substr(0, slash)) == folder) {
+      children.push_back(entry);
+    }
+  }
+  return createObject<CMemFolderIterator>(children);
+}
+
+}  // namespace zel::proxy_test

@@ -1,0 +1,1374 @@
+#include "zel/fs/proxy/proxy_file_system_server.h"
+
+#include <climits>
+#include <string>
+
+#include "zel/core/error.h"
+#include "zel/log/xml_log.h"
+#include "zel/stream/buffer_stream.h"
+#include "zel/stream/stored_error.h"
+
+namespace zel {
+
+const char* const CProxyFileSystemServer::kInvalidStreamMessage = "Invalid proxy stream ID: ";
+const char* const CProxyFileSystemServer::kInvalidFileInfoMessage = "Invalid proxy file info ID: ";
+const char* const CProxyFileSystemServer::kInvalidLockMessage = "Invalid stream lock ID: ";
+const char* const CProxyFileSystemServer::kInvalidMetaModifierMessage =
+    "Invalid meta modifier ID: ";
+const char* const CProxyFileSystemServer::kInvalidWriteBarrierMessage =
+    "Invalid proxy write barrier ID: ";
+const char* const CProxyFileSystemServer::kInvalidBackgroundOpMessage =
+    "Invalid background op ID: ";
+const char* const CProxyFileSystemServer::CLoginManager::kUnexpectedAnswerMessage =
+    "CProxyFileSystemServer: Unexpected message code received in response to "
+    "ResponseGetLoginInfo: ";
+
+using Target = CShareConfinement::Target;
+
+namespace {
+
+#ifdef _WIN32
+constexpr bool kBackslashIsSeparator = true;
+const char* const kNativeMetaDataFormat = "BackupRead";
+#else
+constexpr bool kBackslashIsSeparator = false;
+const char* const kNativeMetaDataFormat = "xattr";
+#endif
+
+// The smallest frame limit: room for any error response worth sending.
+constexpr int kMinFrameLength = 64;
+
+// The manager bound on this thread while a request runs (see the header).
+thread_local CProxyFileSystemServer::CLoginManager* t_boundManager = nullptr;
+
+[[noreturn]] void throwInvalidPath(const String& path) {
+  // A NUL would cut the parameter text short when the error is stored.
+  CProps params;
+  params.set("path", path.cloneReplace(String(L"\0", 1), "%00"));
+  const CError cause("Invalid path.", String(), -1, params);
+  throw CFileSystemError(CFileSystemError::ProblemUnsupported,
+                         CError("Invalid path.", String(), -1, params, &cause));
+}
+
+[[noreturn]] void throwBadHandle(const char* prefix, int64 id) {
+  throw CError(String(prefix) + String::fromInt64(id));
+}
+
+[[noreturn]] void throwTooLarge(int64 length, int limit) {
+  throw CIOError(CIOError::InvalidData,
+                 "Proxy filesystem response of " + String::fromInt64(length) +
+                     " bytes exceeds the frame limit of " + String::fromInt64(limit) + " bytes");
+}
+
+// A bulk length announced in a request: within 0 to kMaxDataChunk and no more
+// than the request still holds, so nothing is allocated for bytes that are
+// not there.
+size_t checkedBulkLength(CDataInStream& in, int64 length, const char* function) {
+  if (length < 0 || length > CProxyFileSystemBase::kMaxDataChunk) {
+    throw CInvalidArgError(function, "data length " + String::fromInt64(length) +
+                                         " is outside 0 to " +
+                                         String::fromInt64(CProxyFileSystemBase::kMaxDataChunk));
+  }
+  const int64 total = in.getLength();
+  if (total >= 0 && length > total - in.getPosition()) {
+    throw CIOError(CIOError::InvalidData,
+                   "The proxy request holds fewer data bytes than it announces");
+  }
+  return static_cast<size_t>(length);
+}
+
+P<TBuffer<unsigned char>> readBulk(CDataInStream& in, size_t length) {
+  P<TBuffer<unsigned char>> data = createObject<TBuffer<unsigned char>>(length);
+  if (length > 0) in.read(data->getData(), static_cast<int>(length));
+  return data;
+}
+
+IIOStream::Access toAccess(int access) {
+  // Read-only is 1; every other value opens for reading and writing.
+  return access == IIOStream::AccessRead ? IIOStream::AccessRead : IIOStream::AccessReadWrite;
+}
+
+TFlags<IIOStream::Flags> toOpenFlags(int bits, const char* function) {
+  constexpr int kKnown = IIOStream::FlagExclusive | IIOStream::FlagTruncate |
+                         IIOStream::FlagAlwaysCreateIfNotExist | IIOStream::FlagFailIfAlreadyExists;
+  if ((bits & ~kKnown) != 0) {
+    throw CInvalidArgError(function, "unknown open flags: " + String::fromInt64(bits));
+  }
+  return TFlags<IIOStream::Flags>::fromBits(static_cast<TFlags<IIOStream::Flags>::Bits>(bits));
+}
+
+// The items sent with a new file info or listing entry: what the object
+// gathered, and the two has*Info flags, which are always known.
+uint64 sentItems(IFileInfoBase& info) {
+  return info.getCachedInfoMask() | CProxyFileSystemBase::kInfoHasWindowsInfo |
+         CProxyFileSystemBase::kInfoHasUnixInfo;
+}
+
+Target followTarget(bool followSymLinks) {
+  return followSymLinks ? CShareConfinement::FollowLinks : CShareConfinement::LinkItself;
+}
+
+// Checks the entry again when the recorded changes are applied: the modifier
+// works on the path, which may have changed since it was opened.
+class CConfinedMetaModifier : public CBase, public IFileMetaModifier {
+ public:
+  CConfinedMetaModifier(IFileMetaModifier* inner, CShareConfinement* confinement,
+                        const TArray<String>& remainder, Target target)
+      : m_inner(inner), m_confinement(confinement), m_remainder(remainder), m_target(target) {}
+
+  void applyCachedChanges() override {
+    if (m_confinement) m_confinement->check(m_remainder, m_target);
+    m_inner->applyCachedChanges();
+  }
+  void setCreatedTime(const CTime& time) override { m_inner->setCreatedTime(time); }
+  void setDataModifiedTime(const CTime& time) override { m_inner->setDataModifiedTime(time); }
+  void setIndexable(bool indexable) override { m_inner->setIndexable(indexable); }
+  void setHidden(bool hidden) override { m_inner->setHidden(hidden); }
+  void setReadOnly(bool readOnly) override { m_inner->setReadOnly(readOnly); }
+  void setWindowsAttributes(uint64 attributes) override {
+    m_inner->setWindowsAttributes(attributes);
+  }
+  void setUnixMode(uint64 mode) override { m_inner->setUnixMode(mode); }
+
+ private:
+  P<IFileMetaModifier> m_inner;
+  P<CShareConfinement> m_confinement;
+  TArray<String> m_remainder;
+  Target m_target;
+};
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Shares
+
+struct CProxyFileSystemServer::CShare : public CBase {
+  CURISelector selector;
+  P<IFileSystem> fileSystem;
+  bool rebase = false;
+  CURI root;
+  // Null when the share has no root folder on a local disk.
+  P<CShareConfinement> confinement;
+};
+
+namespace {
+
+// The URI naming the selector's area, when the selector names one area of
+// the local disk: a "file" scheme, the local (empty) authority and a path.
+CURI localPrefixOf(const CURISelector& selector) {
+  if (selector.isEmpty() || selector.getScheme() != L"file" || selector.matchesAnyAuthority() ||
+      !selector.getAuthority().isEmpty() || selector.getPath().isEmpty()) {
+    return CURI();
+  }
+  try {
+    return CURI::parse("file://" + selector.getPath());
+  } catch (const CError&) {
+    return CURI();
+  }
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// CLoginManager
+
+class CProxyFileSystemServer::CLoginManager::CBinding {
+ public:
+  CBinding(CLoginManager& manager, IInStream* in, IOutStream* out, int maxFrameLength)
+      : m_manager(manager), m_previous(t_boundManager) {
+    m_manager.m_in = in;
+    m_manager.m_out = out;
+    m_manager.m_maxFrameLength = maxFrameLength;
+    t_boundManager = &manager;
+  }
+  ~CBinding() {
+    t_boundManager = m_previous;
+    m_manager.m_in = nullptr;
+    m_manager.m_out = nullptr;
+  }
+  CBinding(const CBinding&) = delete;
+  CBinding& operator=(const CBinding&) = delete;
+
+ private:
+  CLoginManager& m_manager;
+  CLoginManager* m_previous;
+};
+
+CProxyFileSystemServer::CLoginManager::CLoginManager() = default;
+
+CProxyFileSystemServer::CLoginManager::~CLoginManager() = default;
+
+CProxyFileSystemServer::CLoginManager& CProxyFileSystemServer::CLoginManager::activeOnThisThread() {
+  CLoginManager* manager = t_boundManager;
+  if (manager == nullptr || manager->m_in == nullptr || manager->m_out == nullptr) {
+    throw CBadStateError(
+        "CProxyFileSystemServer: login information can only be exchanged with the client while "
+        "one of its requests is being handled on this thread.");
+  }
+  return *manager;
+}
+
+P<CDataInStream> CProxyFileSystemServer::CLoginManager::exchange(CProxyFileSystemMessage& request) {
+  request.write(*m_out);
+  P<CProxyFileSystemMessage> answer = CProxyFileSystemMessage::read(*m_in, m_maxFrameLength);
+  P<CDataInStream> in = answer->openInStream();
+  const int type = in->readInt32();
+  if (type == ResponseError) {
+    // The client's error, marked with its file-system problem, as the cause.
+    P<CError> error = loadError(*in);
+    throw CFileSystemError(CFileSystemError::getProblem(error->getParams()),
+                           CError(error->getMessage(), error->getErrorCodeDomain(),
+                                  error->getErrorCode(), error->getParams(), error.get()));
+  }
+  if (type != ResponseResult) {
+    throw CError(String(kUnexpectedAnswerMessage) + String::fromInt64(type), String(), -1);
+  }
+  return in;
+}
+
+CProps CProxyFileSystemServer::CLoginManager::getLoginInfo(const CURI& uri,
+                                                           CURISelector* selector) {
+  CLoginManager& active = activeOnThisThread();
+  P<CProxyFileSystemMessage> request = createObject<CProxyFileSystemMessage>();
+  P<CDataOutStream> out = request->clearAndOpenOutStream();
+  out->writeInt32(ResponseGetLoginInfo);
+  out->writeString(uri.toString(true));
+  P<CDataInStream> in = active.exchange(*request);
+  const String propsText = in->readString();
+  const CURISelector area = CURISelector::load(*in);
+  CProps props = CProps::fromString(propsText);
+  if (selector) *selector = area;
+  return props;
+}
+
+void CProxyFileSystemServer::CLoginManager::updateLoginInfo(const CURISelector& selector,
+                                                            const CProps& props) {
+  CLoginManager& active = activeOnThisThread();
+  P<CProxyFileSystemMessage> request = createObject<CProxyFileSystemMessage>();
+  P<CDataOutStream> out = request->clearAndOpenOutStream();
+  out->writeInt32(ResponseUpdateLoginInfo);
+  selector.store(*out);
+  out->writeString(props.toString());
+  active.exchange(*request);
+}
+
+// ---------------------------------------------------------------------------
+// Construction, shares, limits
+
+CProxyFileSystemServer::CProxyFileSystemServer(IConnection* connection)
+    : m_connection(connection), m_loginManager(createObject<CLoginManager>()) {
+  if (connection == nullptr) {
+    throw CInvalidArgError("CProxyFileSystemServer::CProxyFileSystemServer", "connection is null");
+  }
+  m_in = connection->getInStream();
+  m_out = connection->getOutStream();
+  initHandlerMap();
+}
+
+CProxyFileSystemServer::~CProxyFileSystemServer() { releaseAllHandles(); }
+
+void CProxyFileSystemServer::addShare(const CURISelector& selector, IFileSystem* fileSystem) {
+  addShareInternal(selector, fileSystem, CURI(), false);
+}
+
+void CProxyFileSystemServer::addShare(const CURISelector& selector, IFileSystem* fileSystem,
+                                      const CURI& root) {
+  if (root.isEmpty()) {
+    throw CInvalidArgError("CProxyFileSystemServer::addShare", "the root of a share is empty");
+  }
+  addShareInternal(selector, fileSystem, root.toNormalized(), true);
+}
+
+void CProxyFileSystemServer::addShareInternal(const CURISelector& selector, IFileSystem* fileSystem,
+                                              const CURI& root, bool rebase) {
+  if (fileSystem == nullptr) {
+    throw CInvalidArgError("CProxyFileSystemServer::addShare", "the file system is null");
+  }
+  P<CShare> share = createObject<CShare>();
+  share->selector = selector;
+  share->fileSystem = fileSystem;
+  share->rebase = rebase;
+  share->root = root;
+  const CURI rootURI = rebase ? root : localPrefixOf(selector);
+  if (!rootURI.isEmpty()) {
+    try {
+      share->confinement = createObject<CShareConfinement>(rootURI.toNativePath().toString());
+    } catch (const CError&) {
+      // Not a folder of the local disk: confined by URIs alone.
+    }
+  }
+  fileSystem->setLoginManager(m_loginManager.get());
+  m_shares.add(share);
+}
+
+void CProxyFileSystemServer::removeShare(const CURISelector& selector) {
+  for (int i = m_shares.getCount() - 1; i >= 0; --i) {
+    if (m_shares[i]->selector == selector) m_shares.removeAt(i);
+  }
+}
+
+void CProxyFileSystemServer::setMaxFrameLength(int length) {
+  m_maxFrameLength = length < kMinFrameLength ? kMinFrameLength : length;
+}
+
+// ---------------------------------------------------------------------------
+// Serving
+
+bool CProxyFileSystemServer::handleMessageIfAvailable() {
+  P<CProxyFileSystemMessage> request =
+      CProxyFileSystemMessage::readIfAvailable(*m_in, m_maxFrameLength);
+  if (!request) return false;
+  handleMessage(*request)->write(*m_out);
+  return true;
+}
+
+bool CProxyFileSystemServer::handleNextMessage() {
+  // Blocks until a byte comes or the other end has gone.
+  if (m_in->isEndOfStream()) return false;
+  const int length = CProxyFileSystemMessage::readFrameLength(*m_in, m_maxFrameLength);
+  P<CProxyFileSystemMessage> request = CProxyFileSystemMessage::readPayload(*m_in, length);
+  handleMessage(*request)->write(*m_out);
+  return true;
+}
+
+void CProxyFileSystemServer::serve() {
+  try {
+    while (handleNextMessage()) {
+    }
+  } catch (const CError& e) {
+    if (e.isError(CIOError::errorCodeDomain(), CIOError::StreamClosed)) {
+      // Closed on this side (a service stopping): not a failure of the client.
+      logInfo("CProxyFileSystemServer: connection closed; serving ends.");
+    } else {
+      logError("CProxyFileSystemServer: connection failed; serving ends.", &e);
+    }
+  } catch (const std::exception& e) {
+    P<CError> error = CStdExceptionError::exceptionToError(e);
+    logError("CProxyFileSystemServer: connection failed; serving ends.", error.get());
+  } catch (...) {
+    logError("CProxyFileSystemServer: unknown failure; serving ends.");
+  }
+  try {
+    m_connection->close();
+  } catch (...) {
+    // Closing an ended connection has nothing left to report.
+  }
+  releaseAllHandles();
+}
+
+namespace {
+
+// Replaces whatever response was written by the error. Should even that fail
+// (an error text that cannot be encoded), a plain error says so.
+void rewriteAsError(CProxyFileSystemMessage& response, std::exception& e,
+                    void (*write)(CDataOutStream&, std::exception&)) {
+  P<CDataOutStream> out = response.clearAndOpenOutStream();
+  try {
+    write(*out, e);
+  } catch (const std::exception& second) {
+    out = response.clearAndOpenOutStream();
+    CError fallback(String("CProxyFileSystemServer: the error of the request could not be sent: ") +
+                    String(second.what()));
+    write(*out, fallback);
+  }
+}
+
+}  // namespace
+
+P<CProxyFileSystemMessage> CProxyFileSystemServer::handleMessage(CProxyFileSystemMessage& request) {
+  P<CProxyFileSystemMessage> response = createObject<CProxyFileSystemMessage>();
+  m_responseBulk = TConstBufferSlice<unsigned char>();
+  try {
+    P<CDataOutStream> out = response->clearAndOpenOutStream();
+    P<CDataInStream> in = request.openInStream();
+    const int funcID = in->readInt32();
+    const Handler* handler = m_handlers.lookup(funcID);
+    if (handler == nullptr) {
+      throw CError(String("Unknown proxy filesystem function: ") + String::fromInt64(funcID),
+                   String(), -1);
+    }
+    out->writeInt32(ResponseResult);
+    {
+      CLoginManager::CBinding binding(*m_loginManager, m_in.get(), m_out.get(), m_maxFrameLength);
+      (*handler)(*this, *in, *out);
+    }
+    if (!m_responseBulk.isEmpty()) response->setBulkData(m_responseBulk);
+    m_responseBulk = TConstBufferSlice<unsigned char>();
+    if (response->getPayloadLength() > m_maxFrameLength) {
+      throwTooLarge(response->getPayloadLength(), m_maxFrameLength);
+    }
+  } catch (std::exception& e) {
+    m_responseBulk = TConstBufferSlice<unsigned char>();
+    rewriteAsError(*response, e, &writeErrorResponse);
+  } catch (...) {
+    m_responseBulk = TConstBufferSlice<unsigned char>();
+    CError unknown("Unknown exception.");
+    rewriteAsError(*response, unknown, &writeErrorResponse);
+  }
+  return response;
+}
+
+namespace {
+
+String withoutNul(const String& text) { return text.cloneReplace(String(L"\0", 1), "%00"); }
+
+bool holdsNul(const CError& error) {
+  for (const CError* level = &error; level; level = level->getCause().get()) {
+    auto has = [](const String& text) {
+      return text.toStdWString().find(L'\0') != std::wstring::npos;
+    };
+    if (has(level->getMessage()) || has(level->getErrorCodeDomain())) return true;
+    const CProps& params = level->getParams();
+    for (int i = 0; i < params.getCount(); ++i) {
+      if (has(params.getKey(i)) || has(params.getValue(i))) return true;
+    }
+  }
+  return false;
+}
+
+// Stored texts end at a NUL character, and a parameter text cut short cannot
+// be loaded again; client input (a URI holding "%00" or a raw NUL) can put
+// one into an error. Such a chain is sent with each NUL written "%00".
+P<CError> storable(const CError& error) {
+  if (!holdsNul(error)) return error.clone();
+  P<CError> cause;
+  if (PC<CError> inner = error.getCause()) cause = storable(*inner);
+  CProps params;
+  const CProps& original = error.getParams();
+  for (int i = 0; i < original.getCount(); ++i) {
+    params.set(withoutNul(original.getKey(i)), withoutNul(original.getValue(i)));
+  }
+  return createObject<CError>(withoutNul(error.getMessage()),
+                              withoutNul(error.getErrorCodeDomain()), error.getErrorCode(), params,
+                              cause.get());
+}
+
+}  // namespace
+
+void CProxyFileSystemServer::writeErrorResponse(CDataOutStream& out, std::exception& e) {
+  out.writeInt32(ResponseError);
+  P<CError> error = CStdExceptionError::exceptionToError(e);
+  storeError(*storable(*error), out);
+}
+
+// ---------------------------------------------------------------------------
+// URIs
+
+void CProxyFileSystemServer::validateAndSecurePath(String& path, bool backslashIsSeparator) {
+  std::wstring text = path.toStdWString();
+  if (backslashIsSeparator) {
+    for (wchar_t& c : text) {
+      if (c == L'\\') c = L'/';
+    }
+  }
+  path = String(text);
+  if (text.find(L'\0') != std::wstring::npos) throwInvalidPath(path);
+  const std::wstring probe = text + L"/";
+  if (probe.find(L"/../") != std::wstring::npos || probe.find(L"//.../") != std::wstring::npos) {
+    throwInvalidPath(path);
+  }
+  size_t start = 0;
+  for (;;) {
+    const size_t end = text.find(L'/', start);
+    const std::wstring segment =
+        text.substr(start, end == std::wstring::npos ? std::wstring::npos : end - start);
+    const bool first = start == 0;
+    const bool last = end == std::wstring::npos;
+    if (segment.empty()) {
+      if (!first && !last) throwInvalidPath(path);
+    } else if (segment != L"." && segment.find_first_not_of(L". ") == std::wstring::npos) {
+      throwInvalidPath(path);
+    }
+    if (last) break;
+    start = end + 1;
+  }
+}
+
+CProxyFileSystemServer::TargetLoc CProxyFileSystemServer::readAndConvertAbsoluteURI(
+    CDataInStream& in) {
+  const String text = in.readString();
+  return convertAbsoluteURI(CURI(text).toNormalized());
+}
+
+CProxyFileSystemServer::TargetLoc CProxyFileSystemServer::convertAbsoluteURI(const CURI& uri) {
+  const CURI normalized = uri.toNormalized();
+  String path = normalized.getDecodedPath();
+  validateAndSecurePath(path, kBackslashIsSeparator);
+  for (int i = 0; i < m_shares.getCount(); ++i) {
+    const CShare& share = *m_shares[i];
+    TargetLoc loc;
+    if (!share.selector.matches(normalized, &loc.remainder)) continue;
+    for (const String& segment : loc.remainder) {
+      // An escaped separator would split into two names on the disk.
+      const std::wstring name = segment.toStdWString();
+      if (name.find(L'/') != std::wstring::npos || name.find(L'\0') != std::wstring::npos ||
+          (kBackslashIsSeparator && name.find(L'\\') != std::wstring::npos)) {
+        throwInvalidPath(path);
+      }
+    }
+    loc.fileSystem = share.fileSystem;
+    loc.clientURI = normalized;
+    loc.shareIndex = i;
+    if (share.rebase) {
+      CURI mapped = share.root;
+      for (const String& segment : loc.remainder) mapped = mapped.append(segment);
+      loc.uri = mapped;
+    } else {
+      loc.uri = normalized;
+    }
+    return loc;
+  }
+  CProps params;
+  params.set("uri", normalized.toString(true));
+  throw CError("Proxy URI does not reference a shared filesystem area.", String(), -1, params);
+}
+
+void CProxyFileSystemServer::verifyOnSameFileSystem(const TargetLoc& a, const TargetLoc& b) {
+  if (a.fileSystem.get() != b.fileSystem.get()) {
+    throw CError("Proxy URIs must be on same filesystem for this functionality.", String(), -1);
+  }
+}
+
+void CProxyFileSystemServer::confine(const TargetLoc& loc, CShareConfinement::Target target) {
+  const CShare& share = *m_shares.getAt(loc.shareIndex);
+  if (share.confinement) share.confinement->check(loc.remainder, target);
+}
+
+CURI CProxyFileSystemServer::mapToClient(const TargetLoc& loc, const CURI& result) {
+  const CShare& share = *m_shares.getAt(loc.shareIndex);
+  if (!share.rebase) return result;
+  CURI prefix = loc.clientURI;
+  for (int i = 0; i < loc.remainder.getCount(); ++i) prefix = prefix.getParent();
+  TArray<String> below;
+  if (CURISelector(share.root, share.selector.isPathCaseSensitive()).matches(result, &below)) {
+    for (const String& segment : below) prefix = prefix.append(segment);
+  }
+  return prefix;
+}
+
+CProxyFileSystemServer::TargetLoc CProxyFileSystemServer::readTarget(CDataInStream& in,
+                                                                     Target target) {
+  TargetLoc loc = readAndConvertAbsoluteURI(in);
+  confine(loc, target);
+  return loc;
+}
+
+void CProxyFileSystemServer::readTwoTargets(CDataInStream& in, Target first, Target second,
+                                            TargetLoc& a, TargetLoc& b) {
+  a = readAndConvertAbsoluteURI(in);
+  b = readAndConvertAbsoluteURI(in);
+  verifyOnSameFileSystem(a, b);
+  confine(a, first);
+  confine(b, second);
+}
+
+// ---------------------------------------------------------------------------
+// Handle tables
+
+int64 CProxyFileSystemServer::addStream(IIOStream* stream, IFileSystem* fileSystem) {
+  if (stream == nullptr)
+    throw CError("CProxyFileSystemServer: the file system returned no stream.");
+  const int64 id = nextHandle();
+  m_streams[id] = StreamRecord{P<IIOStream>(stream), P<IFileSystem>(fileSystem)};
+  return id;
+}
+
+CProxyFileSystemServer::StreamRecord& CProxyFileSystemServer::getStream(int64 id) {
+  StreamRecord* record = m_streams.lookup(id);
+  if (record == nullptr) throwBadHandle(kInvalidStreamMessage, id);
+  return *record;
+}
+
+bool CProxyFileSystemServer::removeStream(int64 id) { return m_streams.erase(id) > 0; }
+
+int64 CProxyFileSystemServer::addFileInfo(IFileInfoBase* info) {
+  if (info == nullptr)
+    throw CError("CProxyFileSystemServer: the file system returned no file info.");
+  const int64 id = nextHandle();
+  m_fileInfos[id] = FileInfoRecord{P<IFileInfoBase>(info)};
+  return id;
+}
+
+CProxyFileSystemServer::FileInfoRecord& CProxyFileSystemServer::getFileInfoRecord(int64 id) {
+  FileInfoRecord* record = m_fileInfos.lookup(id);
+  if (record == nullptr) throwBadHandle(kInvalidFileInfoMessage, id);
+  return *record;
+}
+
+bool CProxyFileSystemServer::removeFileInfo(int64 id) { return m_fileInfos.erase(id) > 0; }
+
+namespace {
+
+template <class T>
+int64 addTo(TMap<int64, P<T>>& table, T* object, int64 id, const char* what) {
+  if (object == nullptr) {
+    throw CError(String("CProxyFileSystemServer: the file system returned no ") + what + ".");
+  }
+  table[id] = P<T>(object);
+  return id;
+}
+
+template <class T>
+P<T> lookupIn(TMap<int64, P<T>>& table, int64 id, const char* prefix) {
+  P<T>* entry = table.lookup(id);
+  if (entry == nullptr) throwBadHandle(prefix, id);
+  return *entry;
+}
+
+}  // namespace
+
+int64 CProxyFileSystemServer::addLock(IStreamLock* lock) {
+  if (lock == nullptr) throw CError("CProxyFileSystemServer: the stream returned no lock.");
+  return addTo(m_locks, lock, nextHandle(), "lock");
+}
+
+P<IStreamLock> CProxyFileSystemServer::getLock(int64 id) {
+  return lookupIn(m_locks, id, kInvalidLockMessage);
+}
+
+bool CProxyFileSystemServer::removeLock(int64 id) { return m_locks.erase(id) > 0; }
+
+int64 CProxyFileSystemServer::addMetaModifier(IFileMetaModifier* modifier) {
+  if (modifier == nullptr)
+    throw CError("CProxyFileSystemServer: the file system returned no meta modifier.");
+  return addTo(m_metaModifiers, modifier, nextHandle(), "meta modifier");
+}
+
+P<IFileMetaModifier> CProxyFileSystemServer::getMetaModifier(int64 id) {
+  return lookupIn(m_metaModifiers, id, kInvalidMetaModifierMessage);
+}
+
+bool CProxyFileSystemServer::removeMetaModifier(int64 id) { return m_metaModifiers.erase(id) > 0; }
+
+int64 CProxyFileSystemServer::addWriteBarrier(IWriteBarrier* barrier) {
+  if (barrier == nullptr)
+    throw CError("CProxyFileSystemServer: the stream returned no write barrier.");
+  return addTo(m_writeBarriers, barrier, nextHandle(), "write barrier");
+}
+
+P<IWriteBarrier> CProxyFileSystemServer::getWriteBarrier(int64 id) {
+  return lookupIn(m_writeBarriers, id, kInvalidWriteBarrierMessage);
+}
+
+bool CProxyFileSystemServer::removeWriteBarrier(int64 id) { return m_writeBarriers.erase(id) > 0; }
+
+int64 CProxyFileSystemServer::addBackgroundOp(IBackgroundOp* op) {
+  if (op == nullptr) {
+    throw CError("CProxyFileSystemServer: the file system returned no background operation.");
+  }
+  return addTo(m_backgroundOps, op, nextHandle(), "background operation");
+}
+
+P<IBackgroundOp> CProxyFileSystemServer::getBackgroundOp(int64 id) {
+  return lookupIn(m_backgroundOps, id, kInvalidBackgroundOpMessage);
+}
+
+bool CProxyFileSystemServer::removeBackgroundOp(int64 id) { return m_backgroundOps.erase(id) > 0; }
+
+void CProxyFileSystemServer::releaseAllHandles() {
+  // Moved out first, so that releasing cannot meet a half-cleared table.
+  // Locks and barriers go before the streams they belong to.
+  TMap<int64, P<IStreamLock>> locks;
+  locks.swap(m_locks);
+  TMap<int64, P<IWriteBarrier>> barriers;
+  barriers.swap(m_writeBarriers);
+  TMap<int64, P<IFileMetaModifier>> modifiers;
+  modifiers.swap(m_metaModifiers);
+  TMap<int64, FileInfoRecord> infos;
+  infos.swap(m_fileInfos);
+  TMap<int64, StreamRecord> streams;
+  streams.swap(m_streams);
+  TMap<int64, P<IBackgroundOp>> ops;
+  ops.swap(m_backgroundOps);
+  locks.clear();
+  barriers.clear();
+  modifiers.clear();
+  infos.clear();
+  streams.clear();
+  ops.clear();
+}
+
+int CProxyFileSystemServer::getOpenHandleCount() const {
+  return m_streams.getCount() + m_fileInfos.getCount() + m_locks.getCount() +
+         m_metaModifiers.getCount() + m_writeBarriers.getCount() + m_backgroundOps.getCount();
+}
+
+// ---------------------------------------------------------------------------
+// Handlers: folders, existence, deletion
+
+void CProxyFileSystemServer::handler_createFolder(CProxyFileSystemServer& server, CDataInStream& in,
+                                                  CDataOutStream&) {
+  TargetLoc loc = server.readTarget(in, CShareConfinement::FollowLinks);
+  const int flags = in.readInt32();
+  loc.fileSystem->createFolder(loc.uri, flags);
+}
+
+void CProxyFileSystemServer::handler_ensureFolderExists(CProxyFileSystemServer& server,
+                                                        CDataInStream& in, CDataOutStream& out) {
+  TargetLoc loc = server.readTarget(in, CShareConfinement::FollowLinks);
+  const int flags = in.readInt32();
+  out.writeBool(loc.fileSystem->ensureFolderExists(loc.uri, flags));
+}
+
+void CProxyFileSystemServer::handler_ensureFileExists(CProxyFileSystemServer& server,
+                                                      CDataInStream& in, CDataOutStream&) {
+  TargetLoc loc = server.readTarget(in, CShareConfinement::FollowLinks);
+  loc.fileSystem->ensureFileExists(loc.uri);
+}
+
+void CProxyFileSystemServer::handler_fileExists(CProxyFileSystemServer& server, CDataInStream& in,
+                                                CDataOutStream& out) {
+  TargetLoc loc = server.readTarget(in, CShareConfinement::FollowLinks);
+  out.writeBool(loc.fileSystem->fileExists(loc.uri));
+}
+
+void CProxyFileSystemServer::handler_folderExists(CProxyFileSystemServer& server, CDataInStream& in,
+                                                  CDataOutStream& out) {
+  TargetLoc loc = server.readTarget(in, CShareConfinement::FollowLinks);
+  out.writeBool(loc.fileSystem->folderExists(loc.uri));
+}
+
+void CProxyFileSystemServer::handler_pathExists(CProxyFileSystemServer& server, CDataInStream& in,
+                                                CDataOutStream& out) {
+  TargetLoc loc = server.readTarget(in, CShareConfinement::FollowLinks);
+  out.writeBool(loc.fileSystem->pathExists(loc.uri));
+}
+
+void CProxyFileSystemServer::handler_isFolderEmpty(CProxyFileSystemServer& server,
+                                                   CDataInStream& in, CDataOutStream& out) {
+  TargetLoc loc = server.readTarget(in, CShareConfinement::FollowLinks);
+  out.writeBool(loc.fileSystem->isFolderEmpty(loc.uri));
+}
+
+void CProxyFileSystemServer::handler_quickCheckFolderAccessible(CProxyFileSystemServer& server,
+                                                                CDataInStream& in,
+                                                                CDataOutStream& out) {
+  TargetLoc loc = server.readTarget(in, CShareConfinement::FollowLinks);
+  out.writeBool(loc.fileSystem->quickCheckFolderAccessible(loc.uri));
+}
+
+void CProxyFileSystemServer::handler_deleteFile(CProxyFileSystemServer& server, CDataInStream& in,
+                                                CDataOutStream&) {
+  TargetLoc loc = server.readTarget(in, CShareConfinement::ChangesEntry);
+  const bool force = in.readBool();
+  loc.fileSystem->deleteFile(loc.uri, force);
+}
+
+void CProxyFileSystemServer::handler_deleteSymLink(CProxyFileSystemServer& server,
+                                                   CDataInStream& in, CDataOutStream&) {
+  TargetLoc loc = server.readTarget(in, CShareConfinement::ChangesEntry);
+  loc.fileSystem->deleteSymLink(loc.uri);
+}
+
+void CProxyFileSystemServer::handler_deleteEmptyFolder(CProxyFileSystemServer& server,
+                                                       CDataInStream& in, CDataOutStream&) {
+  TargetLoc loc = server.readTarget(in, CShareConfinement::ChangesEntry);
+  const bool force = in.readBool();
+  loc.fileSystem->deleteEmptyFolder(loc.uri, force);
+}
+
+void CProxyFileSystemServer::handler_unlinkFolder(CProxyFileSystemServer& server, CDataInStream& in,
+                                                  CDataOutStream&) {
+  TargetLoc loc = server.readTarget(in, CShareConfinement::ChangesEntry);
+  loc.fileSystem->unlinkFolder(loc.uri);
+}
+
+// ---------------------------------------------------------------------------
+// Handlers: links, names, moving, copying
+
+void CProxyFileSystemServer::createHardLink(CProxyFileSystemServer& server, CDataInStream& in,
+                                            bool folder) {
+  TargetLoc link;
+  TargetLoc target;
+  // link(2) does not follow a final link of its target; a folder's hard link
+  // (a junction) is followed whenever it is used.
+  server.readTwoTargets(in, CShareConfinement::ChangesEntry,
+                        folder ? CShareConfinement::FollowLinks : CShareConfinement::LinkItself,
+                        link, target);
+  if (folder) {
+    link.fileSystem->createFolderHardLink(link.uri, target.uri);
+  } else {
+    link.fileSystem->createFileHardLink(link.uri, target.uri);
+  }
+}
+
+void CProxyFileSystemServer::handler_createFileHardLink(CProxyFileSystemServer& server,
+                                                        CDataInStream& in, CDataOutStream&) {
+  createHardLink(server, in, false);
+}
+
+void CProxyFileSystemServer::handler_createFolderHardLink(CProxyFileSystemServer& server,
+                                                          CDataInStream& in, CDataOutStream&) {
+  createHardLink(server, in, true);
+}
+
+void CProxyFileSystemServer::createSymLink(CProxyFileSystemServer& server, CDataInStream& in,
+                                           bool folder) {
+  const String targetText = in.readString();
+  TargetLoc link = server.readAndConvertAbsoluteURI(in);
+
+  CURI target;
+  try {
+    target = CURI(targetText);
+  } catch (const CURIMalformedError&) {
+    // A relative reference without a scheme: the rootless URI of the link's
+    // scheme carries it unchanged.
+    try {
+      target = CURI(link.uri.getScheme() + ":" + targetText);
+    } catch (const CError&) {
+      CProps params;
+      params.set("uri", targetText);
+      throw CURIMalformedError("Invalid symbolic link target.", params);
+    }
+  }
+  const bool absolute = target.hasAuthority() || target.getPath().safeAt(0) == L'/';
+  if (absolute) {
+    TargetLoc resolved = server.convertAbsoluteURI(target);
+    verifyOnSameFileSystem(link, resolved);
+    server.confine(link, CShareConfinement::ChangesEntry);
+    server.confine(resolved, CShareConfinement::FollowLinks);
+    target = resolved.uri;
+  } else {
+    server.confine(link, CShareConfinement::ChangesEntry);
+  }
+  if (folder) {
+    link.fileSystem->createFolderSymLink(link.uri, target);
+  } else {
+    link.fileSystem->createFileSymLink(link.uri, target);
+  }
+}
+
+void CProxyFileSystemServer::handler_createFileSymLink(CProxyFileSystemServer& server,
+                                                       CDataInStream& in, CDataOutStream&) {
+  createSymLink(server, in, false);
+}
+
+void CProxyFileSystemServer::handler_createFolderSymLink(CProxyFileSystemServer& server,
+                                                         CDataInStream& in, CDataOutStream&) {
+  createSymLink(server, in, true);
+}
+
+void CProxyFileSystemServer::handler_getVolumeRootPath(CProxyFileSystemServer& server,
+                                                       CDataInStream& in, CDataOutStream& out) {
+  TargetLoc loc = server.readTarget(in, CShareConfinement::FollowLinks);
+  const CURI root = loc.fileSystem->getVolumeRootPath(loc.uri);
+  out.writeString(server.mapToClient(loc, root).toString(true));
+}
+
+void CProxyFileSystemServer::handler_createUniqueFilename(CProxyFileSystemServer& server,
+                                                          CDataInStream& in, CDataOutStream& out) {
+  TargetLoc loc = server.readTarget(in, CShareConfinement::FollowLinks);
+  const String name = in.readString();
+  const CURI unique = loc.fileSystem->createUniqueFilename(loc.uri, name);
+  out.writeString(server.mapToClient(loc, unique).toString(true));
+}
+
+void CProxyFileSystemServer::handler_createUniqueFolderName(CProxyFileSystemServer& server,
+                                                            CDataInStream& in,
+                                                            CDataOutStream& out) {
+  TargetLoc loc = server.readTarget(in, CShareConfinement::FollowLinks);
+  const String name = in.readString();
+  const CURI unique = loc.fileSystem->createUniqueFolderName(loc.uri, name);
+  out.writeString(server.mapToClient(loc, unique).toString(true));
+}
+
+void CProxyFileSystemServer::handler_moveFile(CProxyFileSystemServer& server, CDataInStream& in,
+                                              CDataOutStream&) {
+  TargetLoc from;
+  TargetLoc to;
+  server.readTwoTargets(in, CShareConfinement::ChangesEntry, CShareConfinement::ChangesEntry, from,
+                        to);
+  const bool overwrite = in.readBool();
+  from.fileSystem->moveFileOrFolder(from.uri, to.uri, overwrite);
+}
+
+void CProxyFileSystemServer::handler_copyFile(CProxyFileSystemServer& server, CDataInStream& in,
+                                              CDataOutStream&) {
+  TargetLoc from;
+  TargetLoc to;
+  // Opening the target for writing follows a final link there.
+  server.readTwoTargets(in, CShareConfinement::FollowLinks, CShareConfinement::FollowLinks, from,
+                        to);
+  const bool overwrite = in.readBool();
+  from.fileSystem->copyFile(from.uri, to.uri, overwrite);
+}
+
+void CProxyFileSystemServer::handler_getFreeSpaceInFolder(CProxyFileSystemServer& server,
+                                                          CDataInStream& in, CDataOutStream& out) {
+  TargetLoc loc = server.readTarget(in, CShareConfinement::FollowLinks);
+  out.writeInt64(loc.fileSystem->getFreeSpaceInFolder(loc.uri));
+}
+
+void CProxyFileSystemServer::handler_getFileSectorSize(CProxyFileSystemServer& server,
+                                                       CDataInStream& in, CDataOutStream& out) {
+  TargetLoc loc = server.readTarget(in, CShareConfinement::FollowLinks);
+  out.writeInt64(loc.fileSystem->getFileSectorSize(loc.uri));
+}
+
+void CProxyFileSystemServer::handler_getAccountOrUserNameUsedForAccess(
+    CProxyFileSystemServer& server, CDataInStream& in, CDataOutStream& out) {
+  TargetLoc loc = server.readTarget(in, CShareConfinement::FollowLinks);
+  out.writeString(loc.fileSystem->getAccountOrUserNameUsedForAccess(loc.uri));
+}
+
+// ---------------------------------------------------------------------------
+// Handlers: streams
+
+void CProxyFileSystemServer::handler_streamOpen(CProxyFileSystemServer& server, CDataInStream& in,
+                                                CDataOutStream& out) {
+  TargetLoc loc = server.readTarget(in, CShareConfinement::FollowLinks);
+  const int access = in.readInt32();
+  const int flags = in.readInt32();
+  P<IIOStream> stream = loc.fileSystem->createStream(
+      loc.uri, toAccess(access), toOpenFlags(flags, "CProxyFileSystemServer::handler_streamOpen"));
+  out.writeInt64(server.addStream(stream.get(), loc.fileSystem.get()));
+}
+
+void CProxyFileSystemServer::handler_subDataStreamOpen(CProxyFileSystemServer& server,
+                                                       CDataInStream& in, CDataOutStream& out) {
+  TargetLoc loc = server.readTarget(in, CShareConfinement::FollowLinks);
+  const String name = in.readString();
+  const int access = in.readInt32();
+  const int flags = in.readInt32();
+  P<IIOStream> stream = loc.fileSystem->createSubDataStream(
+      loc.uri, name, toAccess(access),
+      toOpenFlags(flags, "CProxyFileSystemServer::handler_subDataStreamOpen"));
+  out.writeInt64(server.addStream(stream.get(), loc.fileSystem.get()));
+}
+
+void CProxyFileSystemServer::handler_streamGetLength(CProxyFileSystemServer& server,
+                                                     CDataInStream& in, CDataOutStream& out) {
+  out.writeInt64(server.getStream(in.readInt64()).stream->getLength());
+}
+
+void CProxyFileSystemServer::handler_streamGetPosition(CProxyFileSystemServer& server,
+                                                       CDataInStream& in, CDataOutStream& out) {
+  out.writeInt64(server.getStream(in.readInt64()).stream->getPosition());
+}
+
+void CProxyFileSystemServer::handler_streamSeek(CProxyFileSystemServer& server, CDataInStream& in,
+                                                CDataOutStream&) {
+  const int64 id = in.readInt64();
+  const int64 position = in.readInt64();
+  server.getStream(id).stream->seek(position);
+}
+
+void CProxyFileSystemServer::handler_streamSetLength(CProxyFileSystemServer& server,
+                                                     CDataInStream& in, CDataOutStream&) {
+  const int64 id = in.readInt64();
+  const int64 length = in.readInt64();
+  server.getStream(id).stream->setLength(length);
+}
+
+void CProxyFileSystemServer::handler_streamClose(CProxyFileSystemServer& server, CDataInStream& in,
+                                                 CDataOutStream&) {
+  const int64 id = in.readInt64();
+  P<IIOStream> stream = server.getStream(id).stream;
+  // The handle is gone even when closing fails: there is nothing left to retry.
+  server.removeStream(id);
+  stream->close();
+}
+
+void CProxyFileSystemServer::handler_streamReadLax(CProxyFileSystemServer& server,
+                                                   CDataInStream& in, CDataOutStream& out) {
+  handler_streamReadInternal(server, in, out, false);
+}
+
+void CProxyFileSystemServer::handler_streamReadAvailable(CProxyFileSystemServer& server,
+                                                         CDataInStream& in, CDataOutStream& out) {
+  handler_streamReadInternal(server, in, out, true);
+}
+
+void CProxyFileSystemServer::handler_streamReadInternal(CProxyFileSystemServer& server,
+                                                        CDataInStream& in, CDataOutStream& out,
+                                                        bool available) {
+  const int64 id = in.readInt64();
+  const int wanted = in.readInt32();
+  IIOStream& stream = *server.getStream(id).stream;
+  if (wanted > kMaxDataChunk) {
+    throw CInvalidArgError("CProxyFileSystemServer::handler_streamReadInternal",
+                           "read of " + String::fromInt64(wanted) +
+                               " bytes is above the limit of " + String::fromInt64(kMaxDataChunk));
+  }
+  int64 capacity = wanted < 0 ? 0 : wanted;
+  // Where the stream knows its length, no more is allocated than it holds.
+  const int64 length = stream.getLength();
+  if (length >= 0 && capacity > 0) {
+    const int64 left = length - stream.getPosition();
+    if (left < capacity) capacity = left < 0 ? 0 : left;
+  }
+  P<TBuffer<unsigned char>> data =
+      createObject<TBuffer<unsigned char>>(static_cast<size_t>(capacity));
+  int got = 0;
+  if (capacity > 0) {
+    got = available ? stream.readAvailable(data->getData(), static_cast<int>(capacity))
+                    : stream.readLax(data->getData(), static_cast<int>(capacity));
+  }
+  if (got < 0 || got > capacity) got = 0;
+  data->resize(static_cast<size_t>(got));
+  out.writeInt32(got);
+  if (got > 0)
+    server.setResponseBulk(TConstBufferSlice<unsigned char>(PC<TBuffer<unsigned char>>(data)));
+}
+
+void CProxyFileSystemServer::handler_streamWaitReadable(CProxyFileSystemServer& server,
+                                                        CDataInStream& in, CDataOutStream& out) {
+  const int64 id = in.readInt64();
+  const int timeout = in.readInt32();
+  out.writeBool(server.getStream(id).stream->waitReadable(timeout));
+}
+
+void CProxyFileSystemServer::handler_streamIsEnd(CProxyFileSystemServer& server, CDataInStream& in,
+                                                 CDataOutStream& out) {
+  out.writeBool(server.getStream(in.readInt64()).stream->isEndOfStream());
+}
+
+void CProxyFileSystemServer::handler_streamIsEnd_NonBlocking(CProxyFileSystemServer& server,
+                                                             CDataInStream& in,
+                                                             CDataOutStream& out) {
+  out.writeInt32(server.getStream(in.readInt64()).stream->isEndOfStream_NonBlocking());
+}
+
+void CProxyFileSystemServer::handler_streamWrite(CProxyFileSystemServer& server, CDataInStream& in,
+                                                 CDataOutStream&) {
+  const int64 id = in.readInt64();
+  const int64 barrierID = in.readInt64();
+  const int count = in.readInt32();
+  P<IIOStream> stream = server.getStream(id).stream;
+  P<IWriteBarrier> barrier;
+  if (barrierID != 0) barrier = server.getWriteBarrier(barrierID);
+  const size_t length = checkedBulkLength(in, count, "CProxyFileSystemServer::handler_streamWrite");
+  P<TBuffer<unsigned char>> data = readBulk(in, length);
+  stream->write(data->getData(), static_cast<int>(length), barrier.get());
+}
+
+void CProxyFileSystemServer::handler_streamFlush(CProxyFileSystemServer& server, CDataInStream& in,
+                                                 CDataOutStream&) {
+  server.getStream(in.readInt64()).stream->flush();
+}
+
+void CProxyFileSystemServer::handler_streamCreateWriteBarrier(CProxyFileSystemServer& server,
+                                                              CDataInStream& in,
+                                                              CDataOutStream& out) {
+  const int64 id = in.readInt64();
+  const int64 parentID = in.readInt64();
+  P<IWriteBarrier> parent;
+  if (parentID != 0) parent = server.getWriteBarrier(parentID);
+  P<IWriteBarrier> barrier = server.getStream(id).stream->createWriteBarrier(parent.get());
+  out.writeInt64(server.addWriteBarrier(barrier.get()));
+}
+
+void CProxyFileSystemServer::handler_writeBarrierRelease(CProxyFileSystemServer& server,
+                                                         CDataInStream& in, CDataOutStream&) {
+  server.removeWriteBarrier(in.readInt64());
+}
+
+void CProxyFileSystemServer::handler_streamLockRange(CProxyFileSystemServer& server,
+                                                     CDataInStream& in, CDataOutStream& out) {
+  const int64 id = in.readInt64();
+  const int64 start = in.readInt64();
+  const int64 bytes = in.readInt64();
+  const int type = in.readInt32();
+  if (type != IStreamBase::Shared && type != IStreamBase::Exclusive) {
+    throw CInvalidArgError("CProxyFileSystemServer::handler_streamLockRange",
+                           "unknown lock type " + String::fromInt64(type));
+  }
+  P<IStreamLock> lock = server.getStream(id).stream->lockRange(
+      start, bytes, type == IStreamBase::Shared ? IStreamBase::Shared : IStreamBase::Exclusive);
+  out.writeInt64(server.addLock(lock.get()));
+}
+
+void CProxyFileSystemServer::handler_lockRelease(CProxyFileSystemServer& server, CDataInStream& in,
+                                                 CDataOutStream&) {
+  server.removeLock(in.readInt64());
+}
+
+// ---------------------------------------------------------------------------
+// Handlers: information, listings, metadata
+
+void CProxyFileSystemServer::handler_fileInfoOpen(CProxyFileSystemServer& server, CDataInStream& in,
+                                                  CDataOutStream& out) {
+  TargetLoc loc = server.readAndConvertAbsoluteURI(in);
+  const bool followSymLinks = in.readBool();
+  server.confine(loc, followTarget(followSymLinks));
+  P<IFileInfoBase> info = loc.fileSystem->getFileInfo(loc.uri, followSymLinks);
+  out.writeInt64(server.addFileInfo(info.get()));
+  writeInfoItemsByMask(out, *info, sentItems(*info));
+}
+
+void CProxyFileSystemServer::handler_fileInfoGet(CProxyFileSystemServer& server, CDataInStream& in,
+                                                 CDataOutStream& out) {
+  P<IFileInfoBase> info = server.getFileInfoRecord(in.readInt64()).info;
+  writeInfoItemsByMask(out, *info, kAllInfoItems);
+}
+
+void CProxyFileSystemServer::handler_fileInfoClose(CProxyFileSystemServer& server,
+                                                   CDataInStream& in, CDataOutStream&) {
+  server.removeFileInfo(in.readInt64());
+}
+
+void CProxyFileSystemServer::handler_getFolderContents(CProxyFileSystemServer& server,
+                                                       CDataInStream& in, CDataOutStream& out) {
+  TargetLoc loc = server.readTarget(in, CShareConfinement::FollowLinks);
+  P<IFolderContentsIterator> items = loc.fileSystem->getFolderContents(loc.uri);
+  if (!items) throw CError("CProxyFileSystemServer: the file system returned no folder listing.");
+  while (items->nextItem()) {
+    const String name = items->getItemName();
+    if (name.isEmpty()) continue;  // the empty name ends the list
+    P<IFileInfoBase> info = items->getItemInfo();
+    if (!info) throw CError("CProxyFileSystemServer: the folder listing returned no file info.");
+    out.writeString(name);
+    out.writeInt32(info->getType());
+    writeInfoItemsByMask(out, *info, sentItems(*info));
+    // Give up as soon as the answer cannot be sent, not after the whole
+    // folder has been gathered.
+    if (out.getPosition() > server.m_maxFrameLength) {
+      throwTooLarge(out.getPosition(), server.m_maxFrameLength);
+    }
+  }
+  out.writeString(String());
+}
+
+void CProxyFileSystemServer::handler_getNativeMetaData(CProxyFileSystemServer& server,
+                                                       CDataInStream& in, CDataOutStream& out) {
+  TargetLoc loc = server.readAndConvertAbsoluteURI(in);
+  const bool followSymLinks = in.readBool();
+  const String which = in.readString();
+  server.confine(loc, followTarget(followSymLinks));
+  P<IFileSystem::CNativeMetaData> data =
+      loc.fileSystem->getNativeMetaData(loc.uri, followSymLinks, which);
+  const size_t size = data ? data->getSize() : 0;
+  if (size > static_cast<size_t>(INT_MAX))
+    throwTooLarge(static_cast<int64>(size), server.m_maxFrameLength);
+  out.writeString(kNativeMetaDataFormat);
+  out.writeBool(!data.isNull());
+  out.writeInt32(static_cast<int>(size));
+  if (size > 0) {
+    server.setResponseBulk(TConstBufferSlice<unsigned char>(PC<TBuffer<unsigned char>>(data)));
+  }
+}
+
+void CProxyFileSystemServer::handler_metaModifierOpen(CProxyFileSystemServer& server,
+                                                      CDataInStream& in, CDataOutStream& out) {
+  TargetLoc loc = server.readAndConvertAbsoluteURI(in);
+  const bool followSymLinks = in.readBool();
+  const Target target = followTarget(followSymLinks);
+  server.confine(loc, target);
+  P<IFileMetaModifier> modifier = loc.fileSystem->createMetaModifier(loc.uri, followSymLinks);
+  if (!modifier) throw CError("CProxyFileSystemServer: the file system returned no meta modifier.");
+  P<CShareConfinement> confinement = server.m_shares.getAt(loc.shareIndex)->confinement;
+  P<IFileMetaModifier> confined =
+      createObject<CConfinedMetaModifier>(modifier.get(), confinement.get(), loc.remainder, target);
+  out.writeInt64(server.addMetaModifier(confined.get()));
+}
+
+void CProxyFileSystemServer::handler_metaModifierApplyCachedChanges(CProxyFileSystemServer& server,
+                                                                    CDataInStream& in,
+                                                                    CDataOutStream&) {
+  server.getMetaModifier(in.readInt64())->applyCachedChanges();
+}
+
+void CProxyFileSystemServer::handler_metaModifierSetCreatedTime(CProxyFileSystemServer& server,
+                                                                CDataInStream& in,
+                                                                CDataOutStream&) {
+  const int64 id = in.readInt64();
+  const int64 time = in.readInt64();
+  server.getMetaModifier(id)->setCreatedTime(CTime(time));
+}
+
+void CProxyFileSystemServer::handler_metaModifierSetDataModifiedTime(CProxyFileSystemServer& server,
+                                                                     CDataInStream& in,
+                                                                     CDataOutStream&) {
+  const int64 id = in.readInt64();
+  const int64 time = in.readInt64();
+  server.getMetaModifier(id)->setDataModifiedTime(CTime(time));
+}
+
+void CProxyFileSystemServer::handler_metaModifierSetIndexable(CProxyFileSystemServer& server,
+                                                              CDataInStream& in, CDataOutStream&) {
+  const int64 id = in.readInt64();
+  const bool value = in.readBool();
+  server.getMetaModifier(id)->setIndexable(value);
+}
+
+void CProxyFileSystemServer::handler_metaModifierSetHidden(CProxyFileSystemServer& server,
+                                                           CDataInStream& in, CDataOutStream&) {
+  const int64 id = in.readInt64();
+  const bool value = in.readBool();
+  server.getMetaModifier(id)->setHidden(value);
+}
+
+void CProxyFileSystemServer::handler_metaModifierSetReadOnly(CProxyFileSystemServer& server,
+                                                             CDataInStream& in, CDataOutStream&) {
+  const int64 id = in.readInt64();
+  const bool value = in.readBool();
+  server.getMetaModifier(id)->setReadOnly(value);
+}
+
+void CProxyFileSystemServer::handler_metaModifierSetWindowsAttributes(
+    CProxyFileSystemServer& server, CDataInStream& in, CDataOutStream&) {
+  const int64 id = in.readInt64();
+  const uint64 value = in.readUInt64();
+  server.getMetaModifier(id)->setWindowsAttributes(value);
+}
+
+void CProxyFileSystemServer::handler_metaModifierSetUnixMode(CProxyFileSystemServer& server,
+                                                             CDataInStream& in, CDataOutStream&) {
+  const int64 id = in.readInt64();
+  const uint64 value = in.readUInt64();
+  server.getMetaModifier(id)->setUnixMode(value);
+}
+
+void CProxyFileSystemServer::handler_metaModifierClose(CProxyFileSystemServer& server,
+                                                       CDataInStream& in, CDataOutStream&) {
+  server.removeMetaModifier(in.readInt64());
+}
+
+// ---------------------------------------------------------------------------
+// Handlers: background operations
+
+void CProxyFileSystemServer::handler_backgroundStoreBegin(CProxyFileSystemServer& server,
+                                                          CDataInStream& in, CDataOutStream& out) {
+  TargetLoc loc = server.readTarget(in, CShareConfinement::FollowLinks);
+  const int64 length = in.readInt64();
+  const bool overwrite = in.readBool();
+  const size_t bytes =
+      checkedBulkLength(in, length, "CProxyFileSystemServer::handler_backgroundStoreBegin");
+  // The worker reads the source later, so it gets a copy of its own.
+  P<CBufferStream> source = createObject<CBufferStream>(readBulk(in, bytes), true);
+  P<IBackgroundOp> op =
+      loc.fileSystem->backgroundStore(loc.uri, length, source.get(), overwrite, nullptr);
+  out.writeInt64(server.addBackgroundOp(op.get()));
+}
+
+void CProxyFileSystemServer::handler_backgroundCreateFolderBegin(CProxyFileSystemServer& server,
+                                                                 CDataInStream& in,
+                                                                 CDataOutStream& out) {
+  TargetLoc loc = server.readTarget(in, CShareConfinement::FollowLinks);
+  const int flags = in.readInt32();
+  P<IBackgroundOp> op = loc.fileSystem->backgroundCreateFolder(loc.uri, flags, nullptr);
+  out.writeInt64(server.addBackgroundOp(op.get()));
+}
+
+void CProxyFileSystemServer::handler_backgroundMoveFileBegin(CProxyFileSystemServer& server,
+                                                             CDataInStream& in,
+                                                             CDataOutStream& out) {
+  TargetLoc from;
+  TargetLoc to;
+  server.readTwoTargets(in, CShareConfinement::ChangesEntry, CShareConfinement::ChangesEntry, from,
+                        to);
+  const bool overwrite = in.readBool();
+  P<IBackgroundOp> op =
+      from.fileSystem->backgroundMoveFileOrFolder(from.uri, to.uri, overwrite, nullptr);
+  out.writeInt64(server.addBackgroundOp(op.get()));
+}
+
+void CProxyFileSystemServer::handler_backgroundDeleteFileBegin(CProxyFileSystemServer& server,
+                                                               CDataInStream& in,
+                                                               CDataOutStream& out) {
+  TargetLoc loc = server.readTarget(in, CShareConfinement::ChangesEntry);
+  P<IBackgroundOp> op = loc.fileSystem->backgroundDeleteFile(loc.uri, nullptr);
+  out.writeInt64(server.addBackgroundOp(op.get()));
+}
+
+void CProxyFileSystemServer::handler_backgroundOpsFinalize(CProxyFileSystemServer& server,
+                                                           CDataInStream& in, CDataOutStream& out) {
+  // Every handle is looked up before anything is reported, so an unknown one
+  // fails the request without losing the reports of the others.
+  TArray<int64> listed;
+  for (;;) {
+    const int64 id = in.readInt64();
+    if (id == kHandleListEnd) break;
+    server.getBackgroundOp(id);
+    listed.add(id);
+  }
+  TArray<int64> reported;
+  for (const int64 id : listed) {
+    if (reported.indexOf(id) >= 0) continue;  // listed twice
+    P<IBackgroundOp> op = server.getBackgroundOp(id);
+    if (!op->hasFinished()) continue;
+    out.writeInt64(id);
+    try {
+      op->throwErrorIfFailed();
+      out.writeBool(false);
+    } catch (const std::exception& e) {
+      out.writeBool(true);
+      storeError(*CStdExceptionError::exceptionToError(e), out);
+    }
+    reported.add(id);
+  }
+  out.writeInt64(kHandleListEnd);
+  // Forgotten only once the whole answer is written.
+  for (const int64 id : reported) server.removeBackgroundOp(id);
+}
+
+// ---------------------------------------------------------------------------
+
+void CProxyFileSystemServer::initHandlerMap() {
+  m_handlers = {
+      {FuncCreateFolder, &handler_createFolder},
+      {FuncEnsureFolderExists, &handler_ensureFolderExists},
+      {FuncEnsureFileExists, &handler_ensureFileExists},
+      {FuncCreateFileHardLink, &handler_createFileHardLink},
+      {FuncCreateFolderHardLink, &handler_createFolderHardLink},
+      {FuncCreateFileSymLink, &handler_createFileSymLink},
+      {FuncCreateFolderSymLink, &handler_createFolderSymLink},
+      {FuncFileExists, &handler_fileExists},
+      {FuncFolderExists, &handler_folderExists},
+      {FuncPathExists, &handler_pathExists},
+      {FuncIsFolderEmpty, &handler_isFolderEmpty},
+      {FuncDeleteFile, &handler_deleteFile},
+      {FuncDeleteSymLink, &handler_deleteSymLink},
+      {FuncDeleteEmptyFolder, &handler_deleteEmptyFolder},
+      {FuncUnlinkFolder, &handler_unlinkFolder},
+      {FuncGetVolumeRootPath, &handler_getVolumeRootPath},
+      {FuncCreateUniqueFilename, &handler_createUniqueFilename},
+      {FuncCreateUniqueFolderName, &handler_createUniqueFolderName},
+      {FuncMoveFile, &handler_moveFile},
+      {FuncCopyFile, &handler_copyFile},
+      {FuncGetFreeSpaceInFolder, &handler_getFreeSpaceInFolder},
+      {FuncStreamOpen, &handler_streamOpen},
+      {FuncSubDataStreamOpen, &handler_subDataStreamOpen},
+      {FuncStreamGetLength, &handler_streamGetLength},
+      {FuncStreamGetPosition, &handler_streamGetPosition},
+      {FuncStreamSeek, &handler_streamSeek},
+      {FuncStreamClose, &handler_streamClose},
+      {FuncStreamReadLax, &handler_streamReadLax},
+      {FuncStreamReadAvailable, &handler_streamReadAvailable},
+      {FuncStreamWaitReadable, &handler_streamWaitReadable},
+      {FuncStreamIsEnd, &handler_streamIsEnd},
+      {FuncStreamIsEnd_NonBlocking, &handler_streamIsEnd_NonBlocking},
+      {FuncStreamWrite, &handler_streamWrite},
+      {FuncStreamFlush, &handler_streamFlush},
+      {FuncFileInfoOpen, &handler_fileInfoOpen},
+      {FuncFileInfoGet, &handler_fileInfoGet},
+      {FuncFileInfoClose, &handler_fileInfoClose},
+      {FuncGetFolderContents, &handler_getFolderContents},
+      {FuncGetNativeMetaData, &handler_getNativeMetaData},
+      {FuncStreamCreateWriteBarrier, &handler_streamCreateWriteBarrier},
+      {FuncStreamSetLength, &handler_streamSetLength},
+      {FuncWriteBarrierRelease, &handler_writeBarrierRelease},
+      {FuncBackgroundStoreBegin, &handler_backgroundStoreBegin},
+      {FuncBackgroundCreateFolderBegin, &handler_backgroundCreateFolderBegin},
+      {FuncBackgroundMoveFileBegin, &handler_backgroundMoveFileBegin},
+      {FuncBackgroundDeleteFileBegin, &handler_backgroundDeleteFileBegin},
+      {FuncBackgroundOpsFinalize, &handler_backgroundOpsFinalize},
+      {FuncStreamLockRange, &handler_streamLockRange},
+      {FuncLockRelease, &handler_lockRelease},
+      {FuncGetFileSectorSize, &handler_getFileSectorSize},
+      {FuncMetaModifierOpen, &handler_metaModifierOpen},
+      {FuncMetaModifierApplyCachedChanges, &handler_metaModifierApplyCachedChanges},
+      {FuncMetaModifierSetCreatedTime, &handler_metaModifierSetCreatedTime},
+      {FuncMetaModifierSetDataModifiedTime, &handler_metaModifierSetDataModifiedTime},
+      {FuncMetaModifierSetIndexable, &handler_metaModifierSetIndexable},
+      {FuncMetaModifierSetHidden, &handler_metaModifierSetHidden},
+      {FuncMetaModifierSetReadOnly, &handler_metaModifierSetReadOnly},
+      {FuncMetaModifierSetWindowsAttributes, &handler_metaModifierSetWindowsAttributes},
+      {FuncMetaModifierSetUnixMode, &handler_metaModifierSetUnixMode},
+      {FuncMetaModifierClose, &handler_metaModifierClose},
+      {FuncGetAccountOrUserNameUsedForAccess, &handler_getAccountOrUserNameUsedForAccess},
+      {FuncQuickCheckFolderAccessible, &handler_quickCheckFolderAccessible},
+  };
+}
+
+}  // namespace zel

@@ -1,0 +1,414 @@
+// CProxyFileSystemServer: serves one connection of the cross-process file
+// system (wire format in proxy_protocol.h). It publishes chosen areas
+// (shares) of local file systems, runs the client's requests against them,
+// keeps what it opened for the client (streams, file infos, range locks, meta
+// modifiers, write barriers, background operations) in tables of handles, and
+// forwards the login questions of the served file systems to the client.
+//
+// Requests: handleMessage() reads the funcID, looks it up in the handler map
+// and, when found, writes responseType 1 and runs the handler, which reads
+// its arguments and writes its results. An unknown funcID (42 and 43 are
+// unassigned) and every exception become an error response (responseType 0
+// and the error, storeError) that replaces whatever was written; the
+// connection stays usable. Bytes after a request's arguments are ignored.
+//
+// Shares: addShare(selector, fileSystem) publishes the URIs that selector
+// matches, passed to fileSystem unchanged. addShare(selector, fileSystem,
+// root) publishes them rebased: the URI's segments after the selector's path
+// (CURISelector::matches with a remainder) are appended one by one to root,
+// so the client sees "file:///backup/x" where the disk has
+// "file:///srv/store/x". Shares are tried in the order they were added; the
+// first match wins. removeShare() removes every share with an equal
+// selector; handles already opened through it stay valid (they hold their
+// objects), new requests for its URIs are refused. URIs the server hands
+// back (getVolumeRootPath, createUniqueFilename, createUniqueFolderName) are
+// mapped back into the client's namespace for rebasing shares; a volume root
+// outside the share root is answered with the share's own prefix, since the
+// client cannot see beyond it.
+//
+// Confining URIs (readAndConvertAbsoluteURI / convertAbsoluteURI): the text is
+// parsed and normalised, the decoded path vetted by validateAndSecurePath
+// (before any share is matched, so "/../" is refused with "Invalid path."
+// even where it would stay inside), and a segment holding an encoded
+// separator or NUL character is refused the same way. A URI that no share
+// selects fails with "Proxy URI does not reference a shared filesystem area."
+// (parameter "uri") before any file system is touched. Then, for shares whose
+// root is a folder on a local disk (the root given, or for an identity share
+// a "file" selector with a local authority and a path), each location is
+// checked against symbolic links that lead out of the share
+// (CShareConfinement, see share_confinement.h, which also documents the race
+// between check and use); a location that leaves the share is refused with
+// CFileSystemError ProblemAccessDenied. Shares of other kinds (wildcard or
+// foreign selectors) are confined by their URIs alone. The root of a share
+// can never be deleted, moved, replaced or be the new entry of a link.
+//
+// Which kind of check each function makes (see CShareConfinement::Target):
+// operations that remove, rename or create the entry named (deleteFile,
+// deleteSymLink, deleteEmptyFolder, unlinkFolder, moveFile and
+// backgroundMoveFileBegin on both ends, backgroundDeleteFileBegin, the new
+// name of every link) check it as ChangesEntry; fileInfoOpen, metaModifierOpen
+// and getNativeMetaData follow their followSymLinks argument; everything else
+// (opening, creating, listing, copying - whose target is opened through a
+// final link -, existence checks) follows links. A meta modifier is checked
+// again when its changes are applied, since it works on the path.
+//
+// Link functions: createFileHardLink and createFolderHardLink resolve both
+// URIs into one file system (verifyOnSameFileSystem). A file's hard-link
+// target is checked without following a final link, as Linux link(2) does
+// (the new name is for the entry itself), so a target reached through a link
+// leading out of the share is refused, while a hard link to a link is another
+// link, caught when used. A folder's hard link (a junction) is followed
+// whenever it is used, so its target is checked following links. The
+// symbolic-link functions resolve and check their target the same way when
+// its text is an absolute URI (one with an authority or an absolute path). A
+// relative target, a URI with a rootless path such as "file:../x" (a text
+// without a scheme, such as "../x", is taken as that rootless URI of the
+// link's scheme), is passed on unchanged: it is checked by nothing here, and
+// any later access through the link is caught by the confinement check. The
+// local file system CFileSystem refuses rootless URIs itself.
+//
+// Information items: fileInfoOpen and the entries of getFolderContents carry
+// the items the information object gathered (its cached-info mask) and,
+// always, the two has*Info flags; fileInfoGet carries all items.
+//
+// Handles: one int64 counter per server, starting at 1 and shared by the six
+// tables, so handles never collide and are never reused on a connection. A
+// lookup of an unknown handle fails with a CError (no code) whose message is
+// the table's prefix and the number ("Invalid proxy stream ID: 7");
+// streamClose looks the handle up first, the other close and release
+// functions silently ignore unknown handles. releaseAllHandles() (also run by
+// serve() when the connection ends, and by the destructor) drops all six
+// tables, releasing what they held.
+//
+// Login callbacks: the server's CLoginManager is set (setLoginManager) on
+// every file system shared by addShare. While a handler runs, the manager is
+// bound to this connection and to the thread running the handler; a served
+// file system that asks for login data (getLoginInfo) or reports new data
+// (updateLoginInfo) on that thread gets a callback frame sent to the client
+// and the client's answer, in the middle of the request. Because one file
+// system may be shared by several servers (one per connection), the calls
+// are routed by thread: whichever server's manager the file system holds, a
+// question goes to the connection whose request is running on the calling
+// thread. Asked on any other thread (a background worker) or outside a
+// request, the manager throws CBadStateError.
+//
+// Limits and decoding of hostile input: frames above the frame limit
+// (setMaxFrameLength, default kDefaultMaxFrameLength) are refused before any
+// allocation and end the connection; bulk transfers are bounded by
+// kMaxDataChunk and by the bytes really present in the request; a read
+// allocates at most what the stream can still deliver when it knows its
+// length. A response larger than the frame limit is replaced by an error
+// response (the client would refuse the frame); what the request did (a
+// handle registered, a file written) stays done.
+//
+// Serving: handleMessageIfAvailable() handles one request if a frame has
+// started to arrive (never waits for the first byte); handleNextMessage()
+// waits for one; serve() loops until the connection ends. A clean end
+// between frames ends serve() quietly; a frame-length violation, a frame cut
+// off or any other connection failure is logged (logError) and ends it too.
+// serve() then closes the connection and releases all handles.
+//
+// Threading: one thread serves a server object; requests on a connection are
+// strictly sequential. Background operations run on the file systems' own
+// workers and are only asked hasFinished() by backgroundOpsFinalize.
+#pragma once
+
+#include <exception>
+
+#include "zel/core/base.h"
+#include "zel/core/containers.h"
+#include "zel/core/export.h"
+#include "zel/fs/file_system.h"
+#include "zel/fs/proxy/proxy_message.h"
+#include "zel/fs/proxy/proxy_protocol.h"
+#include "zel/fs/proxy/share_confinement.h"
+#include "zel/ipc/connection.h"
+#include "zel/path/uri.h"
+#include "zel/path/uri_selector.h"
+#include "zel/stream/data_stream.h"
+
+namespace zel {
+
+class ZEL_API CProxyFileSystemServer : public CBase, public CProxyFileSystemBase {
+ public:
+  // Sends the login questions of the served file systems to the client (see
+  // the file comment). Created by the server; usable from any thread, though
+  // only the thread running a request gets an answer.
+  class ZEL_API CLoginManager : public CBase, public IFileSystemLoginManager {
+   public:
+    CLoginManager();
+    ~CLoginManager() override;
+
+    // Callback type 2: the client's login data for uri, and the area it
+    // applies to in *selector (when not null).
+    CProps getLoginInfo(const CURI& uri, CURISelector* selector) override;
+    // Callback type 3.
+    void updateLoginInfo(const CURISelector& selector, const CProps& props) override;
+
+    // The first words of the error for an answer of another type; the
+    // number follows. Both callbacks use this text.
+    static const char* const kUnexpectedAnswerMessage;
+
+   private:
+    friend class CProxyFileSystemServer;
+    class CBinding;
+
+    // The manager bound on the calling thread (any server's), or throws.
+    static CLoginManager& activeOnThisThread();
+    // Sends request (a response frame of type 2 or 3) and reads the answer
+    // frame; returns its in-stream positioned after responseType 1.
+    P<CDataInStream> exchange(CProxyFileSystemMessage& request);
+
+    IInStream* m_in = nullptr;
+    IOutStream* m_out = nullptr;
+    int m_maxFrameLength = kDefaultMaxFrameLength;
+  };
+
+  // The result of resolving a client URI: the share's file system and the
+  // URI inside it, with what the confinement check and the mapping of
+  // results back to the client need.
+  struct TargetLoc {
+    P<IFileSystem> fileSystem;
+    CURI uri;
+    // The URI as the client named it (normalised).
+    CURI clientURI;
+    // Its decoded segments below the share's selector path.
+    TArray<String> remainder;
+    // Index of the share in the server's list at the time of resolving.
+    int shareIndex = -1;
+  };
+
+  struct StreamRecord {
+    P<IIOStream> stream;
+    P<IFileSystem> fileSystem;
+  };
+
+  struct FileInfoRecord {
+    P<IFileInfoBase> info;
+  };
+
+  using Handler = void (*)(CProxyFileSystemServer& server, CDataInStream& in, CDataOutStream& out);
+
+  // Serves connection, which must not be null.
+  explicit CProxyFileSystemServer(IConnection* connection);
+  ~CProxyFileSystemServer() override;
+
+  CProxyFileSystemServer(const CProxyFileSystemServer&) = delete;
+  CProxyFileSystemServer& operator=(const CProxyFileSystemServer&) = delete;
+
+  // Identity share: selected URIs reach fileSystem unchanged.
+  void addShare(const CURISelector& selector, IFileSystem* fileSystem);
+  // Rebasing share: the remainder of a selected URI is appended to root.
+  void addShare(const CURISelector& selector, IFileSystem* fileSystem, const CURI& root);
+  void removeShare(const CURISelector& selector);
+
+  // The largest request frame accepted, and the largest response sent; at
+  // least 64 bytes (smaller values are raised to that).
+  void setMaxFrameLength(int length);
+  int getMaxFrameLength() const { return m_maxFrameLength; }
+
+  // Handles one request if a frame has begun to arrive: false at once when
+  // no byte is pending; otherwise reads the rest (blocking), handles it,
+  // writes the response and returns true. Connection failures throw.
+  bool handleMessageIfAvailable();
+  // Waits for the next request, handles it and writes the response. False
+  // when the connection ended cleanly before a new frame began; a frame cut
+  // off, a frame above the limit and write failures throw.
+  bool handleNextMessage();
+  // handleNextMessage() until the connection ends; see the file comment.
+  // Never throws.
+  void serve();
+
+  // The dispatch: the response to one request payload.
+  P<CProxyFileSystemMessage> handleMessage(CProxyFileSystemMessage& request);
+
+  // Drops every open handle (all six tables).
+  void releaseAllHandles();
+  // Open handles in all tables together.
+  int getOpenHandleCount() const;
+
+  const P<CLoginManager>& getLoginManager() const { return m_loginManager; }
+
+  // The message prefixes of the handle tables.
+  static const char* const kInvalidStreamMessage;
+  static const char* const kInvalidFileInfoMessage;
+  static const char* const kInvalidLockMessage;
+  static const char* const kInvalidMetaModifierMessage;
+  static const char* const kInvalidWriteBarrierMessage;
+  static const char* const kInvalidBackgroundOpMessage;
+
+ protected:
+  struct CShare;
+
+  // Reads a URI argument (a string) and resolves it; see the file comment.
+  TargetLoc readAndConvertAbsoluteURI(CDataInStream& in);
+  TargetLoc convertAbsoluteURI(const CURI& uri);
+  // Fails with "Proxy URIs must be on same filesystem for this
+  // functionality." when a and b name different file systems.
+  static void verifyOnSameFileSystem(const TargetLoc& a, const TargetLoc& b);
+  // Vets the decoded path of a URI. backslashIsSeparator turns "\" into "/"
+  // first (Windows, where both separate). Refused, as CFileSystemError
+  // ProblemUnsupported whose cause is CError "Invalid path." (no code,
+  // parameter "path"): "/../" and "//.../" anywhere (a trailing "/.." counts),
+  // any segment made only of dots and blanks other than "." (Windows trims
+  // trailing dots and blanks from names, so "... " can mean ".."), an empty
+  // segment inside the path ("a//b"), and NUL characters. On return path
+  // holds the path with normalised separators.
+  static void validateAndSecurePath(String& path, bool backslashIsSeparator);
+  // The confinement check of loc for an operation of the given kind; nothing
+  // for shares without a local root.
+  void confine(const TargetLoc& loc, CShareConfinement::Target target);
+  // A URI returned by the file system of loc, in the client's namespace.
+  CURI mapToClient(const TargetLoc& loc, const CURI& result);
+
+  // The handle tables.
+  int64 addStream(IIOStream* stream, IFileSystem* fileSystem);
+  StreamRecord& getStream(int64 id);
+  bool removeStream(int64 id);
+  int64 addFileInfo(IFileInfoBase* info);
+  FileInfoRecord& getFileInfoRecord(int64 id);
+  bool removeFileInfo(int64 id);
+  int64 addLock(IStreamLock* lock);
+  P<IStreamLock> getLock(int64 id);
+  bool removeLock(int64 id);
+  int64 addMetaModifier(IFileMetaModifier* modifier);
+  P<IFileMetaModifier> getMetaModifier(int64 id);
+  bool removeMetaModifier(int64 id);
+  int64 addWriteBarrier(IWriteBarrier* barrier);
+  P<IWriteBarrier> getWriteBarrier(int64 id);
+  bool removeWriteBarrier(int64 id);
+  int64 addBackgroundOp(IBackgroundOp* op);
+  P<IBackgroundOp> getBackgroundOp(int64 id);
+  bool removeBackgroundOp(int64 id);
+
+  // responseType 0 and the exception as a stored error.
+  static void writeErrorResponse(CDataOutStream& out, std::exception& e);
+
+  // Attaches data as the response's bulk tail (read results).
+  void setResponseBulk(const TConstBufferSlice<unsigned char>& data) { m_responseBulk = data; }
+
+  // The handlers, one per FuncID.
+  static void handler_createFolder(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_ensureFolderExists(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_ensureFileExists(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_createFileHardLink(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_createFolderHardLink(CProxyFileSystemServer&, CDataInStream&,
+                                           CDataOutStream&);
+  static void handler_createFileSymLink(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_createFolderSymLink(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_fileExists(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_folderExists(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_pathExists(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_isFolderEmpty(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_deleteFile(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_deleteSymLink(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_deleteEmptyFolder(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_unlinkFolder(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_getVolumeRootPath(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_createUniqueFilename(CProxyFileSystemServer&, CDataInStream&,
+                                           CDataOutStream&);
+  static void handler_createUniqueFolderName(CProxyFileSystemServer&, CDataInStream&,
+                                             CDataOutStream&);
+  static void handler_moveFile(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_copyFile(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_getFreeSpaceInFolder(CProxyFileSystemServer&, CDataInStream&,
+                                           CDataOutStream&);
+  static void handler_streamOpen(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_subDataStreamOpen(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_streamGetLength(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_streamGetPosition(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_streamSeek(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_streamClose(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_streamReadLax(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_streamReadAvailable(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  // The body of both reads; available selects readAvailable over readLax.
+  static void handler_streamReadInternal(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&,
+                                         bool available);
+  static void handler_streamWaitReadable(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_streamIsEnd(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_streamIsEnd_NonBlocking(CProxyFileSystemServer&, CDataInStream&,
+                                              CDataOutStream&);
+  static void handler_streamWrite(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_streamFlush(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_fileInfoOpen(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_fileInfoGet(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_fileInfoClose(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_getFolderContents(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_getNativeMetaData(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_streamCreateWriteBarrier(CProxyFileSystemServer&, CDataInStream&,
+                                               CDataOutStream&);
+  static void handler_streamSetLength(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_writeBarrierRelease(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_backgroundStoreBegin(CProxyFileSystemServer&, CDataInStream&,
+                                           CDataOutStream&);
+  static void handler_backgroundCreateFolderBegin(CProxyFileSystemServer&, CDataInStream&,
+                                                  CDataOutStream&);
+  static void handler_backgroundMoveFileBegin(CProxyFileSystemServer&, CDataInStream&,
+                                              CDataOutStream&);
+  static void handler_backgroundDeleteFileBegin(CProxyFileSystemServer&, CDataInStream&,
+                                                CDataOutStream&);
+  static void handler_backgroundOpsFinalize(CProxyFileSystemServer&, CDataInStream&,
+                                            CDataOutStream&);
+  static void handler_streamLockRange(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_lockRelease(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_getFileSectorSize(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_metaModifierOpen(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_metaModifierApplyCachedChanges(CProxyFileSystemServer&, CDataInStream&,
+                                                     CDataOutStream&);
+  static void handler_metaModifierSetCreatedTime(CProxyFileSystemServer&, CDataInStream&,
+                                                 CDataOutStream&);
+  static void handler_metaModifierSetDataModifiedTime(CProxyFileSystemServer&, CDataInStream&,
+                                                      CDataOutStream&);
+  static void handler_metaModifierSetIndexable(CProxyFileSystemServer&, CDataInStream&,
+                                               CDataOutStream&);
+  static void handler_metaModifierSetHidden(CProxyFileSystemServer&, CDataInStream&,
+                                            CDataOutStream&);
+  static void handler_metaModifierSetReadOnly(CProxyFileSystemServer&, CDataInStream&,
+                                              CDataOutStream&);
+  static void handler_metaModifierSetWindowsAttributes(CProxyFileSystemServer&, CDataInStream&,
+                                                       CDataOutStream&);
+  static void handler_metaModifierSetUnixMode(CProxyFileSystemServer&, CDataInStream&,
+                                              CDataOutStream&);
+  static void handler_metaModifierClose(CProxyFileSystemServer&, CDataInStream&, CDataOutStream&);
+  static void handler_getAccountOrUserNameUsedForAccess(CProxyFileSystemServer&, CDataInStream&,
+                                                        CDataOutStream&);
+  static void handler_quickCheckFolderAccessible(CProxyFileSystemServer&, CDataInStream&,
+                                                 CDataOutStream&);
+
+ private:
+  void initHandlerMap();
+  void addShareInternal(const CURISelector& selector, IFileSystem* fileSystem, const CURI& root,
+                        bool rebase);
+  int64 nextHandle() { return m_nextHandle++; }
+  // Reads one argument URI, resolves and confines it.
+  TargetLoc readTarget(CDataInStream& in, CShareConfinement::Target target);
+  // Reads two argument URIs, resolves them into one file system and confines
+  // them.
+  void readTwoTargets(CDataInStream& in, CShareConfinement::Target first,
+                      CShareConfinement::Target second, TargetLoc& a, TargetLoc& b);
+  // Both kinds of symbolic link.
+  static void createSymLink(CProxyFileSystemServer& server, CDataInStream& in, bool folder);
+  // Both kinds of hard link.
+  static void createHardLink(CProxyFileSystemServer& server, CDataInStream& in, bool folder);
+
+  P<IConnection> m_connection;
+  P<IInStream> m_in;
+  P<IOutStream> m_out;
+  int m_maxFrameLength = kDefaultMaxFrameLength;
+
+  TMap<int, Handler> m_handlers;
+  TArray<P<CShare>> m_shares;
+
+  int64 m_nextHandle = 1;
+  TMap<int64, StreamRecord> m_streams;
+  TMap<int64, FileInfoRecord> m_fileInfos;
+  TMap<int64, P<IStreamLock>> m_locks;
+  TMap<int64, P<IFileMetaModifier>> m_metaModifiers;
+  TMap<int64, P<IWriteBarrier>> m_writeBarriers;
+  TMap<int64, P<IBackgroundOp>> m_backgroundOps;
+
+  P<CLoginManager> m_loginManager;
+  TConstBufferSlice<unsigned char> m_responseBulk;
+};
+
+}  // namespace zel

@@ -1,0 +1,1455 @@
+#include "zel/fs/proxy/proxy_file_system_server.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#ifndef _WIN32
+#include <dirent.h>
+#include <unistd.h>
+#endif
+
+#include "tests/support/proxy_server_test_util.h"
+#include "tests/support/temp_folder.h"
+#include "zel/core/error.h"
+#include "zel/fs/local_file_system.h"
+#include "zel/ipc/in_process_connection.h"
+#include "zel/log/xml_log.h"
+#include "zel/system/system_info.h"
+
+namespace zel {
+namespace {
+
+using proxy_test::Bytes;
+using proxy_test::CMemFileSystem;
+using proxy_test::CRequest;
+using proxy_test::CResponse;
+using proxy_test::parseResponse;
+using proxy_test::problemOf;
+using Server = CProxyFileSystemServer;
+
+constexpr int kRead = IIOStream::AccessRead;
+constexpr int kReadWrite = IIOStream::AccessReadWrite;
+
+// Exposes the protected parts that have contracts of their own.
+class CTestServer : public CProxyFileSystemServer {
+ public:
+  using CProxyFileSystemServer::CProxyFileSystemServer;
+  using CProxyFileSystemServer::validateAndSecurePath;
+};
+
+bool runsUnderWine() { return getPlatformDescription().getWxString().Contains("Wine"); }
+
+#ifndef _WIN32
+int countOpenDescriptors() {
+  int count = 0;
+  DIR* dir = ::opendir("/proc/self/fd");
+  if (!dir) return -1;
+  while (struct dirent* entry = ::readdir(dir)) {
+    if (entry->d_name[0] != '.') ++count;
+  }
+  ::closedir(dir);
+  return count - 1;  // the listing's own descriptor
+}
+
+std::string nativeOf(const String& path) { return path.toStdUTF8(); }
+#endif
+
+// The client end of a connection, speaking raw frames.
+class CRawClient {
+ public:
+  explicit CRawClient(IConnection* connection) : m_connection(connection) {}
+  void send(const Bytes& bytes) {
+    m_connection->getOutStream()->write(bytes.data(), static_cast<int>(bytes.size()));
+  }
+  void send(CRequest& request) { request.message().write(*m_connection->getOutStream()); }
+  CResponse receive() {
+    m_last = CProxyFileSystemMessage::read(*m_connection->getInStream());
+    return parseResponse(*m_last);
+  }
+  void close() { m_connection->close(); }
+
+ private:
+  P<IConnection> m_connection;
+  P<CProxyFileSystemMessage> m_last;
+};
+
+// A server sharing a temporary folder of the local file system.
+class ServerTest : public ::testing::Test {
+ protected:
+  ServerTest() {
+    auto ends = CInProcessConnection::createPair();
+    m_serverEnd = ends.first;
+    m_clientEnd = ends.second;
+    m_fs = createObject<CFileSystem>();
+    m_root = CURI::fromNativePath(CNativePath(m_temp.getPath()));
+    m_server = createObject<CTestServer>(m_serverEnd.get());
+    m_server->addShare(CURISelector(m_root), m_fs.get());
+  }
+  ~ServerTest() override {
+    m_server = nullptr;
+    m_fs->dispose();
+  }
+
+  CURI uri(const std::string& relative) const {
+    CURI result = m_root;
+    std::stringstream parts(relative);
+    std::string part;
+    while (std::getline(parts, part, '/')) result = result.append(String::fromUTF8(part.c_str()));
+    return result;
+  }
+
+  CResponse call(CRequest& request) {
+    m_lastResponse = m_server->handleMessage(request.message());
+    return parseResponse(*m_lastResponse);
+  }
+  // The response, which must be a result.
+  CResponse ok(CRequest& request) {
+    CResponse response = call(request);
+    EXPECT_EQ(response.type, 1) << response.describe();
+    if (!response.isOK())
+      throw CError("unexpected error response: " + String::fromUTF8(response.describe().c_str()));
+    return response;
+  }
+  // The error of the response, which must be one.
+  P<CError> fails(CRequest& request) {
+    CResponse response = call(request);
+    EXPECT_EQ(response.type, 0);
+    if (!response.error) throw CError("expected an error response");
+    return response.error;
+  }
+
+  void writeFile(const std::string& relative, const std::string& bytes) {
+    P<IIOStream> stream =
+        m_fs->createStream(uri(relative), IIOStream::AccessReadWrite, IIOStream::FlagTruncate);
+    stream->write(bytes.data(), static_cast<int>(bytes.size()));
+    stream->close();
+  }
+  std::string readFile(const std::string& relative) {
+    P<IIOStream> stream =
+        m_fs->createStream(uri(relative), IIOStream::AccessRead, TFlags<IIOStream::Flags>());
+    std::string bytes(static_cast<size_t>(stream->getLength()), '\0');
+    if (!bytes.empty()) stream->read(bytes.data(), static_cast<int>(bytes.size()));
+    return bytes;
+  }
+
+  int64 openStream(const std::string& relative, int access, int flags = 0) {
+    CRequest request(Server::FuncStreamOpen);
+    request.uri(uri(relative)).i32(access).i32(flags);
+    return ok(request).in->readInt64();
+  }
+
+  test::CTempFolder m_temp;
+  P<IConnection> m_serverEnd;
+  P<IConnection> m_clientEnd;
+  P<CFileSystem> m_fs;
+  CURI m_root;
+  P<CTestServer> m_server;
+  P<CProxyFileSystemMessage> m_lastResponse;
+};
+
+// ---------------------------------------------------------------------------
+// Every handler against the local file system
+
+TEST_F(ServerTest, FoldersExistenceAndDeletion) {
+  CRequest create(Server::FuncCreateFolder);
+  ok(create.uri(uri("d")).i32(0));
+  CRequest createAgain(Server::FuncCreateFolder);
+  EXPECT_TRUE(isFileOrFolderAlreadyExistsError(*fails(createAgain.uri(uri("d")).i32(0))));
+
+  CRequest ensure(Server::FuncEnsureFolderExists);
+  EXPECT_FALSE(ok(ensure.uri(uri("d")).i32(0)).in->readBool());
+  CRequest ensureDeep(Server::FuncEnsureFolderExists);
+  EXPECT_TRUE(ok(ensureDeep.uri(uri("e/f")).i32(IFileSystem::CreateFolderParents)).in->readBool());
+  CRequest ensureFile(Server::FuncEnsureFileExists);
+  ok(ensureFile.uri(uri("d/x.txt")));
+
+  auto ask = [&](int func, const std::string& relative) {
+    CRequest request(func);
+    return ok(request.uri(uri(relative))).in->readBool();
+  };
+  EXPECT_TRUE(ask(Server::FuncFolderExists, "d"));
+  EXPECT_FALSE(ask(Server::FuncFileExists, "d"));
+  EXPECT_TRUE(ask(Server::FuncFileExists, "d/x.txt"));
+  EXPECT_FALSE(ask(Server::FuncFolderExists, "d/x.txt"));
+  EXPECT_TRUE(ask(Server::FuncPathExists, "d/x.txt"));
+  EXPECT_FALSE(ask(Server::FuncPathExists, "nothing"));
+  EXPECT_FALSE(ask(Server::FuncIsFolderEmpty, "d"));
+  EXPECT_TRUE(ask(Server::FuncIsFolderEmpty, "e/f"));
+  EXPECT_TRUE(ask(Server::FuncQuickCheckFolderAccessible, "d"));
+  EXPECT_FALSE(ask(Server::FuncQuickCheckFolderAccessible, "nothing"));
+
+  CRequest deleteFile(Server::FuncDeleteFile);
+  ok(deleteFile.uri(uri("d/x.txt")).b(false));
+  EXPECT_FALSE(ask(Server::FuncPathExists, "d/x.txt"));
+  CRequest deleteFolder(Server::FuncDeleteEmptyFolder);
+  ok(deleteFolder.uri(uri("e/f")).b(false));
+  EXPECT_FALSE(ask(Server::FuncPathExists, "e/f"));
+  CRequest deleteFolderAsFile(Server::FuncDeleteFile);
+  EXPECT_EQ(problemOf(*fails(deleteFolderAsFile.uri(uri("d")).b(false))),
+            CFileSystemError::ProblemWrongType);
+}
+
+TEST_F(ServerTest, VolumeNamesSpaceAndAccount) {
+  CRequest create(Server::FuncCreateFolder);
+  ok(create.uri(uri("d")).i32(0));
+  writeFile("d/x.txt", "x");
+
+  CRequest free(Server::FuncGetFreeSpaceInFolder);
+  EXPECT_GT(ok(free.uri(uri("d"))).in->readInt64(), 0);
+  CRequest sector(Server::FuncGetFileSectorSize);
+  EXPECT_GT(ok(sector.uri(uri("d/x.txt"))).in->readInt64(), 0);
+  CRequest account(Server::FuncGetAccountOrUserNameUsedForAccess);
+  EXPECT_EQ(ok(account.uri(uri("d"))).in->readString(),
+            m_fs->getAccountOrUserNameUsedForAccess(uri("d")));
+  // Identity share: the volume root is passed on as the file system gives it.
+  CRequest volume(Server::FuncGetVolumeRootPath);
+  EXPECT_EQ(CURI(ok(volume.uri(uri("d"))).in->readString()), m_fs->getVolumeRootPath(uri("d")));
+
+  CRequest uniqueFile(Server::FuncCreateUniqueFilename);
+  EXPECT_EQ(CURI(ok(uniqueFile.uri(uri("d")).str("x.txt")).in->readString()),
+            uri("d").append("x (2).txt"));
+  CRequest uniqueFolder(Server::FuncCreateUniqueFolderName);
+  EXPECT_EQ(CURI(ok(uniqueFolder.uri(uri("d")).str("x.txt")).in->readString()),
+            uri("d").append("x.txt (2)"));
+}
+
+TEST_F(ServerTest, MoveAndCopy) {
+  writeFile("a.txt", "abc");
+  CRequest copy(Server::FuncCopyFile);
+  ok(copy.uri(uri("a.txt")).uri(uri("b.txt")).b(false));
+  EXPECT_EQ(readFile("b.txt"), "abc");
+  CRequest copyAgain(Server::FuncCopyFile);
+  EXPECT_TRUE(isFileOrFolderAlreadyExistsError(
+      *fails(copyAgain.uri(uri("a.txt")).uri(uri("b.txt")).b(false))));
+
+  CRequest move(Server::FuncMoveFile);
+  ok(move.uri(uri("b.txt")).uri(uri("c.txt")).b(false));
+  EXPECT_FALSE(m_fs->pathExists(uri("b.txt")));
+  EXPECT_EQ(readFile("c.txt"), "abc");
+}
+
+TEST_F(ServerTest, StreamHandlers) {
+  const int64 stream = openStream("s.bin", kReadWrite);
+  CRequest write(Server::FuncStreamWrite);
+  ok(write.i64(stream).i64(0).i32(11).raw("hello world"));
+  CRequest flush(Server::FuncStreamFlush);
+  ok(flush.i64(stream));
+  CRequest length(Server::FuncStreamGetLength);
+  EXPECT_EQ(ok(length.i64(stream)).in->readInt64(), 11);
+  CRequest position(Server::FuncStreamGetPosition);
+  EXPECT_EQ(ok(position.i64(stream)).in->readInt64(), 11);
+
+  CRequest seek(Server::FuncStreamSeek);
+  ok(seek.i64(stream).i64(6));
+  CRequest readLax(Server::FuncStreamReadLax);
+  CResponse read = ok(readLax.i64(stream).i32(100));
+  const int got = read.in->readInt32();
+  EXPECT_EQ(read.readBytes(got), "world");
+  EXPECT_TRUE(read.atEnd());
+  CRequest isEnd(Server::FuncStreamIsEnd);
+  EXPECT_TRUE(ok(isEnd.i64(stream)).in->readBool());
+  CRequest isEndNow(Server::FuncStreamIsEnd_NonBlocking);
+  EXPECT_EQ(ok(isEndNow.i64(stream)).in->readInt32(), 1);
+
+  CRequest rewind(Server::FuncStreamSeek);
+  ok(rewind.i64(stream).i64(0));
+  CRequest readable(Server::FuncStreamWaitReadable);
+  EXPECT_TRUE(ok(readable.i64(stream).i32(0)).in->readBool());
+  CRequest readAvailable(Server::FuncStreamReadAvailable);
+  CResponse available = ok(readAvailable.i64(stream).i32(5));
+  EXPECT_EQ(available.readBytes(available.in->readInt32()), "hello");
+  CRequest notAtEnd(Server::FuncStreamIsEnd_NonBlocking);
+  EXPECT_EQ(ok(notAtEnd.i64(stream)).in->readInt32(), 0);
+  // Below 0 reads nothing.
+  CRequest negative(Server::FuncStreamReadLax);
+  EXPECT_EQ(ok(negative.i64(stream).i32(-4)).in->readInt32(), 0);
+
+  CRequest setLength(Server::FuncStreamSetLength);
+  ok(setLength.i64(stream).i64(5));
+  CRequest newLength(Server::FuncStreamGetLength);
+  EXPECT_EQ(ok(newLength.i64(stream)).in->readInt64(), 5);
+
+  CRequest barrier(Server::FuncStreamCreateWriteBarrier);
+  const int64 first = ok(barrier.i64(stream).i64(0)).in->readInt64();
+  CRequest child(Server::FuncStreamCreateWriteBarrier);
+  const int64 second = ok(child.i64(stream).i64(first)).in->readInt64();
+  EXPECT_EQ(second, first + 1);
+  CRequest end(Server::FuncStreamSeek);
+  ok(end.i64(stream).i64(5));
+  CRequest barrierWrite(Server::FuncStreamWrite);
+  ok(barrierWrite.i64(stream).i64(second).i32(1).raw("!"));
+  CRequest release(Server::FuncWriteBarrierRelease);
+  ok(release.i64(second));
+  CRequest releaseFirst(Server::FuncWriteBarrierRelease);
+  ok(releaseFirst.i64(first));
+  CRequest writeReleased(Server::FuncStreamWrite);
+  EXPECT_EQ(fails(writeReleased.i64(stream).i64(second).i32(1).raw("?"))->getMessage(),
+            "Invalid proxy write barrier ID: " + String::fromInt64(second));
+
+  CRequest lock(Server::FuncStreamLockRange);
+  const int64 lockHandle =
+      ok(lock.i64(stream).i64(0).i64(3).i32(IStreamBase::Exclusive)).in->readInt64();
+  EXPECT_EQ(m_server->getOpenHandleCount(), 2);
+  CRequest unlock(Server::FuncLockRelease);
+  ok(unlock.i64(lockHandle));
+  CRequest badLock(Server::FuncStreamLockRange);
+  EXPECT_TRUE(fails(badLock.i64(stream).i64(0).i64(3).i32(7))
+                  ->getMessage()
+                  .getWxString()
+                  .Contains("lock type"));
+
+  CRequest close(Server::FuncStreamClose);
+  ok(close.i64(stream));
+  EXPECT_EQ(readFile("s.bin"), "hello!");
+  CRequest closeAgain(Server::FuncStreamClose);
+  P<CError> error = fails(closeAgain.i64(stream));
+  EXPECT_EQ(error->getMessage(), "Invalid proxy stream ID: " + String::fromInt64(stream));
+  EXPECT_EQ(error->getErrorCode(), -1);
+  EXPECT_EQ(m_server->getOpenHandleCount(), 0);
+}
+
+TEST_F(ServerTest, StreamArgumentsAreChecked) {
+  writeFile("a.txt", "abc");
+  // Open modes: unknown bits refused here, bad combinations by the file system.
+  CRequest unknownFlag(Server::FuncStreamOpen);
+  EXPECT_TRUE(fails(unknownFlag.uri(uri("a.txt")).i32(kRead).i32(0x10))
+                  ->getMessage()
+                  .getWxString()
+                  .Contains("unknown open flags"));
+  CRequest truncateRead(Server::FuncStreamOpen);
+  EXPECT_EQ(
+      fails(truncateRead.uri(uri("a.txt")).i32(kRead).i32(IIOStream::FlagTruncate))->getMessage(),
+      CInvalidArgError("CFileStream::getWindowsOpenType",
+                       "FlagTruncate can only be used if write access is requested.")
+          .getMessage());
+  EXPECT_EQ(readFile("a.txt"), "abc");
+
+  const int64 stream = openStream("a.txt", kReadWrite);
+  CRequest tooMuch(Server::FuncStreamReadLax);
+  fails(tooMuch.i64(stream).i32(Server::kMaxDataChunk + 1));
+  // A write announcing more bytes than the request holds.
+  CRequest shortWrite(Server::FuncStreamWrite);
+  P<CError> error = fails(shortWrite.i64(stream).i64(0).i32(1000).raw("xy"));
+  EXPECT_TRUE(error->isError("IO", CIOError::InvalidData));
+  CRequest negativeWrite(Server::FuncStreamWrite);
+  fails(negativeWrite.i64(stream).i64(0).i32(-1));
+  EXPECT_EQ(readFile("a.txt"), "abc");
+
+  // Unknown handles of every table.
+  CRequest noStream(Server::FuncStreamGetLength);
+  EXPECT_EQ(fails(noStream.i64(999))->getMessage(), "Invalid proxy stream ID: 999");
+  CRequest noInfo(Server::FuncFileInfoGet);
+  EXPECT_EQ(fails(noInfo.i64(998))->getMessage(), "Invalid proxy file info ID: 998");
+  CRequest noModifier(Server::FuncMetaModifierApplyCachedChanges);
+  EXPECT_EQ(fails(noModifier.i64(997))->getMessage(), "Invalid meta modifier ID: 997");
+  CRequest noBarrier(Server::FuncStreamCreateWriteBarrier);
+  EXPECT_EQ(fails(noBarrier.i64(stream).i64(996))->getMessage(),
+            "Invalid proxy write barrier ID: 996");
+  CRequest noOp(Server::FuncBackgroundOpsFinalize);
+  EXPECT_EQ(fails(noOp.i64(995).i64(-1))->getMessage(), "Invalid background op ID: 995");
+  // Releasing something unknown is harmless.
+  CRequest noLock(Server::FuncLockRelease);
+  ok(noLock.i64(994));
+  CRequest noInfoClose(Server::FuncFileInfoClose);
+  ok(noInfoClose.i64(993));
+}
+
+TEST_F(ServerTest, SubDataStreamOpensOrIsUnsupported) {
+  writeFile("a.txt", "abc");
+  CRequest open(Server::FuncSubDataStreamOpen);
+  CResponse response = call(open.uri(uri("a.txt")).str("meta").i32(kReadWrite).i32(0));
+  if (response.isOK()) {
+    const int64 stream = response.in->readInt64();
+    CRequest write(Server::FuncStreamWrite);
+    ok(write.i64(stream).i64(0).i32(2).raw("md"));
+    CRequest close(Server::FuncStreamClose);
+    ok(close.i64(stream));
+    P<IIOStream> check = m_fs->createSubDataStream(uri("a.txt"), "meta", IIOStream::AccessRead,
+                                                   TFlags<IIOStream::Flags>());
+    EXPECT_EQ(check->getLength(), 2);
+  } else {
+    ASSERT_TRUE(response.error);
+    EXPECT_TRUE(couldBeUnsupportedError(*response.error)) << response.describe();
+  }
+  EXPECT_EQ(readFile("a.txt"), "abc");
+}
+
+TEST_F(ServerTest, FileInfoHandlesAndItems) {
+  writeFile("a.txt", "abcd");
+  CRequest open(Server::FuncFileInfoOpen);
+  CResponse response = ok(open.uri(uri("a.txt")).b(true));
+  const int64 info = response.in->readInt64();
+  P<CFileInfoBase> first = createObject<CFileInfoBase>();
+  const uint64 mask = Server::readInfoItems(*response.in, *first);
+  EXPECT_TRUE(response.atEnd());
+  EXPECT_EQ(first->getType(), IFileInfoBase::TypeFile);
+  EXPECT_EQ(first->getSize(), 4);
+  EXPECT_NE(mask & IFileInfoBase::CachedSize, 0u);
+  // The has*Info flags always come along.
+  EXPECT_NE(mask & Server::kInfoHasWindowsInfo, 0u);
+  EXPECT_NE(mask & Server::kInfoHasUnixInfo, 0u);
+  P<IFileInfoBase> local = m_fs->getFileInfo(uri("a.txt"), true);
+  EXPECT_EQ(first->hasUnixInfo(), local->hasUnixInfo());
+  EXPECT_EQ(first->getDataModifiedTime(), local->getDataModifiedTime());
+
+  CRequest get(Server::FuncFileInfoGet);
+  CResponse all = ok(get.i64(info));
+  P<CFileInfoBase> second = createObject<CFileInfoBase>();
+  const uint64 allItems = Server::kAllInfoItems;  // a copy: the member is not exported
+  EXPECT_EQ(Server::readInfoItems(*all.in, *second), allItems);
+  EXPECT_EQ(second->getSize(), 4);
+  EXPECT_EQ(second->getUnixUserName(), local->getUnixUserName());
+
+  CRequest close(Server::FuncFileInfoClose);
+  ok(close.i64(info));
+  CRequest getClosed(Server::FuncFileInfoGet);
+  EXPECT_EQ(fails(getClosed.i64(info))->getMessage(),
+            "Invalid proxy file info ID: " + String::fromInt64(info));
+}
+
+TEST_F(ServerTest, HandlesOfDifferentKindsAreConsecutive) {
+  writeFile("a.txt", "abc");
+  const int64 stream = openStream("a.txt", kRead);
+  CRequest info(Server::FuncFileInfoOpen);
+  const int64 infoHandle = ok(info.uri(uri("a.txt")).b(false)).in->readInt64();
+  CRequest modifier(Server::FuncMetaModifierOpen);
+  const int64 modifierHandle = ok(modifier.uri(uri("a.txt")).b(true)).in->readInt64();
+  EXPECT_EQ(stream, 1);
+  EXPECT_EQ(infoHandle, stream + 1);
+  EXPECT_EQ(modifierHandle, stream + 2);
+  // Closing never frees a number for reuse.
+  CRequest close(Server::FuncStreamClose);
+  ok(close.i64(stream));
+  EXPECT_EQ(openStream("a.txt", kRead), stream + 3);
+}
+
+TEST_F(ServerTest, FolderContentsListsEveryEntry) {
+  writeFile("a.txt", "abc");
+  CRequest create(Server::FuncCreateFolder);
+  ok(create.uri(uri("d")).i32(0));
+  CRequest list(Server::FuncGetFolderContents);
+  CResponse response = ok(list.uri(m_root));
+  std::map<std::string, int> entries;
+  for (;;) {
+    const String name = response.in->readString();
+    if (name.isEmpty()) break;
+    const int type = response.in->readInt32();
+    P<CFileInfoBase> info = createObject<CFileInfoBase>();
+    Server::readInfoItems(*response.in, *info);
+    EXPECT_EQ(info->getType(), type);
+    entries[name.toStdUTF8()] = type;
+  }
+  EXPECT_TRUE(response.atEnd());
+  EXPECT_EQ(entries, (std::map<std::string, int>{{"a.txt", IFileInfoBase::TypeFile},
+                                                 {"d", IFileInfoBase::TypeFolder}}));
+}
+
+TEST_F(ServerTest, NativeMetaData) {
+  writeFile("a.txt", "abc");
+  CRequest request(Server::FuncGetNativeMetaData);
+  CResponse response = call(request.uri(uri("a.txt")).b(true).str(""));
+  if (!response.isOK() && runsUnderWine()) {
+    GTEST_SKIP() << "Wine's BackupRead: " << response.describe();
+  }
+  if (!response.isOK()) {
+    // A file system without extended attributes.
+    ASSERT_TRUE(response.error);
+    EXPECT_TRUE(couldBeUnsupportedError(*response.error)) << response.describe();
+    return;
+  }
+#ifdef _WIN32
+  EXPECT_EQ(response.in->readString(), "BackupRead");
+#else
+  EXPECT_EQ(response.in->readString(), "xattr");
+#endif
+  EXPECT_TRUE(response.in->readBool());
+  const int count = response.in->readInt32();
+  P<IFileSystem::CNativeMetaData> local = m_fs->getNativeMetaData(uri("a.txt"), true, "");
+  EXPECT_EQ(count, static_cast<int>(local->getSize()));
+  response.readBytes(count);
+  EXPECT_TRUE(response.atEnd());
+  CRequest unknownPart(Server::FuncGetNativeMetaData);
+  fails(unknownPart.uri(uri("a.txt")).b(true).str("no such part"));
+}
+
+TEST_F(ServerTest, MetaModifierHandlers) {
+  writeFile("a.txt", "abc");
+  CRequest open(Server::FuncMetaModifierOpen);
+  const int64 modifier = ok(open.uri(uri("a.txt")).b(true)).in->readInt64();
+  const CTime when(1577836800000000);  // 2020-01-01
+  CRequest modified(Server::FuncMetaModifierSetDataModifiedTime);
+  ok(modified.i64(modifier).i64(when.getMicroseconds()));
+  CRequest created(Server::FuncMetaModifierSetCreatedTime);
+  ok(created.i64(modifier).i64(when.getMicroseconds()));
+  CRequest indexable(Server::FuncMetaModifierSetIndexable);
+  ok(indexable.i64(modifier).b(true));
+  CRequest hidden(Server::FuncMetaModifierSetHidden);
+  ok(hidden.i64(modifier).b(false));
+  CRequest readOnly(Server::FuncMetaModifierSetReadOnly);
+  ok(readOnly.i64(modifier).b(false));
+  CRequest attributes(Server::FuncMetaModifierSetWindowsAttributes);
+  ok(attributes.i64(modifier).u64(0x20));  // FILE_ATTRIBUTE_ARCHIVE
+  CRequest mode(Server::FuncMetaModifierSetUnixMode);
+  ok(mode.i64(modifier).u64(0640));
+
+  // Nothing reaches the file before the changes are applied.
+  EXPECT_NE(m_fs->getFileInfo(uri("a.txt"), true)->getDataModifiedTime(), when);
+  CRequest apply(Server::FuncMetaModifierApplyCachedChanges);
+  ok(apply.i64(modifier));
+  P<IFileInfoBase> info = m_fs->getFileInfo(uri("a.txt"), true);
+  EXPECT_EQ(info->getDataModifiedTime(), when);
+#ifndef _WIN32
+  EXPECT_EQ(info->getUnixMode() & 0777, 0640);
+#endif
+
+  CRequest close(Server::FuncMetaModifierClose);
+  ok(close.i64(modifier));
+  CRequest applyClosed(Server::FuncMetaModifierApplyCachedChanges);
+  EXPECT_EQ(fails(applyClosed.i64(modifier))->getMessage(),
+            "Invalid meta modifier ID: " + String::fromInt64(modifier));
+}
+
+TEST_F(ServerTest, HardLinkHandlers) {
+  writeFile("a.txt", "abc");
+  CRequest folder(Server::FuncCreateFolder);
+  ok(folder.uri(uri("d")).i32(0));
+
+  CRequest hardLink(Server::FuncCreateFileHardLink);
+  CResponse hard = call(hardLink.uri(uri("h.txt")).uri(uri("a.txt")));
+  ASSERT_TRUE(hard.isOK()) << hard.describe();
+  EXPECT_EQ(readFile("h.txt"), "abc");
+  EXPECT_TRUE(m_fs->getFileInfo(uri("a.txt"), true)->isHardLinked());
+
+  CRequest folderHardLink(Server::FuncCreateFolderHardLink);
+  CResponse junction = call(folderHardLink.uri(uri("j")).uri(uri("d")));
+#ifndef _WIN32
+  // Linux has no hard links to folders.
+  ASSERT_FALSE(junction.isOK());
+  EXPECT_TRUE(couldBeUnsupportedError(*junction.error)) << junction.describe();
+#else
+  if (!junction.isOK() && runsUnderWine()) {
+    GTEST_SKIP() << "Wine has no junctions: " << junction.describe();
+  }
+  ASSERT_TRUE(junction.isOK()) << junction.describe();
+  EXPECT_TRUE(m_fs->folderExists(uri("j")));
+#endif
+}
+
+TEST_F(ServerTest, SymLinkHandlers) {
+#ifdef _WIN32
+  GTEST_SKIP() << "Wine has no symbolic links";
+#else
+  writeFile("a.txt", "abc");
+  CRequest folder(Server::FuncCreateFolder);
+  ok(folder.uri(uri("d")).i32(0));
+
+  CRequest fileLink(Server::FuncCreateFileSymLink);
+  ok(fileLink.uri(uri("a.txt")).uri(uri("s.txt")));
+  EXPECT_EQ(readFile("s.txt"), "abc");
+  EXPECT_EQ(m_fs->getFileInfo(uri("s.txt"), false)->getSymLinkType(), IFileInfoBase::SymLinkFile);
+  CRequest deleteLink(Server::FuncDeleteSymLink);
+  ok(deleteLink.uri(uri("s.txt")));
+  EXPECT_FALSE(m_fs->pathExists(uri("s.txt")));
+  EXPECT_TRUE(m_fs->fileExists(uri("a.txt")));
+
+  CRequest folderLink(Server::FuncCreateFolderSymLink);
+  ok(folderLink.uri(uri("d")).uri(uri("ds")));
+  EXPECT_TRUE(m_fs->folderExists(uri("ds")));
+  CRequest unlink(Server::FuncUnlinkFolder);
+  ok(unlink.uri(uri("ds")));
+  EXPECT_FALSE(m_fs->pathExists(uri("ds")));
+  EXPECT_TRUE(m_fs->folderExists(uri("d")));
+#endif
+}
+
+// Asks backgroundOpsFinalize for handles until all were reported; each must
+// be reported exactly once. Returns handle -> error (null: succeeded).
+std::map<int64, P<CError>> finalizeAll(CProxyFileSystemServer& server,
+                                       const std::vector<int64>& handles) {
+  std::map<int64, P<CError>> reported;
+  std::vector<int64> outstanding = handles;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (!outstanding.empty() && std::chrono::steady_clock::now() < deadline) {
+    CRequest request(Server::FuncBackgroundOpsFinalize);
+    for (int64 handle : outstanding) request.i64(handle);
+    request.i64(-1);
+    P<CProxyFileSystemMessage> message = server.handleMessage(request.message());
+    CResponse response = parseResponse(*message);
+    if (!response.isOK()) {
+      ADD_FAILURE() << response.describe();
+      break;
+    }
+    for (;;) {
+      const int64 handle = response.in->readInt64();
+      if (handle == -1) break;
+      EXPECT_EQ(reported.count(handle), 0u) << "reported twice: " << handle;
+      const bool failed = response.in->readBool();
+      reported[handle] = failed ? loadError(*response.in) : P<CError>();
+      outstanding.erase(std::remove(outstanding.begin(), outstanding.end(), handle),
+                        outstanding.end());
+    }
+    if (!outstanding.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_TRUE(outstanding.empty()) << "background operations never finished";
+  return reported;
+}
+
+TEST_F(ServerTest, BackgroundOperationsRunAndAreReportedOnce) {
+  CRequest store(Server::FuncBackgroundStoreBegin);
+  const int64 stored = ok(store.uri(uri("bg.txt")).i64(5).b(false).raw("hello")).in->readInt64();
+  CRequest folder(Server::FuncBackgroundCreateFolderBegin);
+  const int64 created = ok(folder.uri(uri("bgd")).i32(0)).in->readInt64();
+  CRequest move(Server::FuncBackgroundMoveFileBegin);
+  const int64 moved =
+      ok(move.uri(uri("bg.txt")).uri(uri("bgd/moved.txt")).b(false)).in->readInt64();
+  CRequest remove(Server::FuncBackgroundDeleteFileBegin);
+  const int64 deleted = ok(remove.uri(uri("missing.txt"))).in->readInt64();
+  EXPECT_EQ(m_server->getOpenHandleCount(), 4);
+
+  auto reported = finalizeAll(*m_server, {stored, created, moved, deleted});
+  ASSERT_EQ(reported.size(), 4u);
+  EXPECT_FALSE(reported[stored]);
+  EXPECT_FALSE(reported[created]);
+  EXPECT_FALSE(reported[moved]);
+  ASSERT_TRUE(reported[deleted]);
+  EXPECT_EQ(problemOf(*reported[deleted]), CFileSystemError::ProblemNotFound);
+  EXPECT_EQ(readFile("bgd/moved.txt"), "hello");
+  // Reported operations are forgotten.
+  EXPECT_EQ(m_server->getOpenHandleCount(), 0);
+  CRequest again(Server::FuncBackgroundOpsFinalize);
+  EXPECT_EQ(fails(again.i64(stored).i64(-1))->getMessage(),
+            "Invalid background op ID: " + String::fromInt64(stored));
+
+  // A store announcing more data than it carries starts nothing.
+  CRequest shortStore(Server::FuncBackgroundStoreBegin);
+  fails(shortStore.uri(uri("short.txt")).i64(100).b(false).raw("abc"));
+  CRequest hugeStore(Server::FuncBackgroundStoreBegin);
+  fails(hugeStore.uri(uri("short.txt")).i64(int64{1} << 40).b(false));
+  EXPECT_EQ(m_server->getOpenHandleCount(), 0);
+}
+
+// ---------------------------------------------------------------------------
+// Dispatch, frames and the connection
+
+TEST_F(ServerTest, UnknownFunctionsLeaveTheConnectionUsable) {
+  for (int func : {42, 43, 99, 64, -1}) {
+    CRequest unknown(func);
+    P<CError> error = fails(unknown);
+    EXPECT_EQ(error->getMessage(), "Unknown proxy filesystem function: " + String::fromInt64(func));
+    EXPECT_EQ(error->getErrorCode(), -1);
+    CRequest next(Server::FuncFolderExists);
+    EXPECT_TRUE(ok(next.uri(m_root)).in->readBool());
+  }
+}
+
+TEST_F(ServerTest, EmptyFrameIsAnErrorResponse) {
+  CRawClient client(m_clientEnd.get());
+  client.send(Bytes{0, 0, 0, 0});
+  ASSERT_TRUE(m_server->handleNextMessage());
+  CResponse response = client.receive();
+  ASSERT_EQ(response.type, 0);
+  EXPECT_TRUE(response.error->isError("IO", CIOError::UnexpectedEnd)) << response.describe();
+  // The connection goes on.
+  CRequest next(Server::FuncFolderExists);
+  client.send(next.uri(m_root));
+  ASSERT_TRUE(m_server->handleNextMessage());
+  CResponse answer = client.receive();
+  ASSERT_TRUE(answer.isOK());
+  EXPECT_TRUE(answer.in->readBool());
+}
+
+TEST_F(ServerTest, HandleIfAvailableWaitsOnlyOnceAFrameBegan) {
+  CRawClient client(m_clientEnd.get());
+  EXPECT_FALSE(m_server->handleMessageIfAvailable());
+  for (size_t prefix = 1; prefix <= 3; ++prefix) {
+    CRequest request(Server::FuncFolderExists);
+    const Bytes frame = request.uri(m_root).frame();
+    client.send(Bytes(frame.begin(), frame.begin() + static_cast<ptrdiff_t>(prefix)));
+    std::thread rest([&] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(30));
+      client.send(Bytes(frame.begin() + static_cast<ptrdiff_t>(prefix), frame.end()));
+    });
+    const bool handled = m_server->handleMessageIfAvailable();
+    rest.join();
+    EXPECT_TRUE(handled) << prefix;
+    CResponse response = client.receive();
+    ASSERT_TRUE(response.isOK()) << response.describe();
+    EXPECT_TRUE(response.in->readBool());
+    EXPECT_FALSE(m_server->handleMessageIfAvailable());
+  }
+}
+
+TEST_F(ServerTest, FrameLimitEndsServingWithALog) {
+  m_server->setMaxFrameLength(1024);
+  CRawClient client(m_clientEnd.get());
+  client.send(Bytes{0x01, 0x04, 0x00, 0x00});  // 1025 bytes announced
+  try {
+    m_server->handleNextMessage();
+    ADD_FAILURE() << "a frame above the limit was accepted";
+  } catch (const CIOError& e) {
+    EXPECT_EQ(e.getErrorCode(), CIOError::InvalidData);
+  }
+
+  auto ends = CInProcessConnection::createPair();
+  P<Server> server = createObject<Server>(ends.first.get());
+  server->setMaxFrameLength(1024);
+  CRawClient other(ends.second.get());
+  other.send(Bytes{0xFF, 0xFF, 0xFF, 0x7F});
+  CLogCapture log;
+  server->serve();
+  EXPECT_TRUE(log.contains(LogLevel::Error, "CProxyFileSystemServer"));
+  // The server closed its end: the client sees the end of the connection.
+  char byte;
+  EXPECT_EQ(ends.second->getInStream()->readLax(&byte, 1), 0);
+}
+
+TEST_F(ServerTest, OversizedResponseBecomesAnError) {
+  writeFile("big.bin", std::string(3000, 'x'));
+  m_server->setMaxFrameLength(1024);
+  const int64 stream = openStream("big.bin", kRead);
+  CRequest read(Server::FuncStreamReadLax);
+  P<CError> error = fails(read.i64(stream).i32(2000));
+  EXPECT_TRUE(error->isError("IO", CIOError::InvalidData)) << error->getDesc().toStdUTF8();
+  EXPECT_LE(m_lastResponse->getPayloadLength(), 1024);
+  // Smaller reads still work.
+  CRequest small(Server::FuncStreamReadLax);
+  EXPECT_EQ(ok(small.i64(stream).i32(100)).in->readInt32(), 100);
+
+  for (int i = 0; i < 40; ++i) writeFile("entry-with-a-long-name-" + std::to_string(i), "");
+  CRequest list(Server::FuncGetFolderContents);
+  EXPECT_TRUE(fails(list.uri(m_root))->isError("IO", CIOError::InvalidData));
+}
+
+TEST_F(ServerTest, ServeEndsQuietlyWhenTheClientCloses) {
+  CRawClient client(m_clientEnd.get());
+  CRequest request(Server::FuncFolderExists);
+  client.send(request.uri(m_root));
+  CLogCapture log;
+  std::thread serving([&] { m_server->serve(); });
+  CResponse response = client.receive();
+  EXPECT_TRUE(response.isOK());
+  client.close();
+  serving.join();
+  EXPECT_FALSE(log.contains(LogLevel::Error, "CProxyFileSystemServer"));
+}
+
+TEST_F(ServerTest, ClientDeathReleasesEveryHandle) {
+  writeFile("a.txt", "abc");
+#ifndef _WIN32
+  const int before = countOpenDescriptors();
+#endif
+  {
+    auto ends = CInProcessConnection::createPair();
+    P<Server> server = createObject<Server>(ends.first.get());
+    server->addShare(CURISelector(m_root), m_fs.get());
+    CRawClient client(ends.second.get());
+    std::thread serving([&] { server->serve(); });
+    for (int i = 0; i < 3; ++i) {
+      CRequest open(Server::FuncStreamOpen);
+      client.send(open.uri(uri("a.txt")).i32(kRead).i32(0));
+      EXPECT_TRUE(client.receive().isOK());
+    }
+    CRequest lock(Server::FuncStreamLockRange);
+    client.send(lock.i64(1).i64(0).i64(1).i32(IStreamBase::Shared));
+    EXPECT_TRUE(client.receive().isOK());
+#ifndef _WIN32
+    EXPECT_GE(countOpenDescriptors(), before + 3);
+#endif
+    // Half a request, then the client is gone.
+    client.send(Bytes{100, 0, 0, 0, 7, 0, 0});
+    CLogCapture log;
+    client.close();
+    serving.join();
+    EXPECT_EQ(server->getOpenHandleCount(), 0);
+    EXPECT_TRUE(log.contains(LogLevel::Error, "CProxyFileSystemServer"));
+  }
+#ifndef _WIN32
+  EXPECT_EQ(countOpenDescriptors(), before);
+#endif
+  // The files are free again: an exclusive open succeeds.
+  EXPECT_NO_THROW(
+      m_fs->createStream(uri("a.txt"), IIOStream::AccessReadWrite, IIOStream::FlagExclusive));
+}
+
+TEST_F(ServerTest, DestroyingTheServerReleasesHandles) {
+  writeFile("a.txt", "abc");
+#ifndef _WIN32
+  const int before = countOpenDescriptors();
+#endif
+  {
+    auto ends = CInProcessConnection::createPair();
+    P<Server> server = createObject<Server>(ends.first.get());
+    server->addShare(CURISelector(m_root), m_fs.get());
+    for (int i = 0; i < 4; ++i) {
+      CRequest open(Server::FuncStreamOpen);
+      open.uri(uri("a.txt")).i32(kRead).i32(0);
+      ASSERT_TRUE(parseResponse(*server->handleMessage(open.message())).isOK());
+    }
+    EXPECT_EQ(server->getOpenHandleCount(), 4);
+  }
+#ifndef _WIN32
+  EXPECT_EQ(countOpenDescriptors(), before);
+#endif
+}
+
+// ---------------------------------------------------------------------------
+// Confinement by URI
+
+class FakeShareTest : public ::testing::Test {
+ protected:
+  FakeShareTest() {
+    auto ends = CInProcessConnection::createPair();
+    m_serverEnd = ends.first;
+    m_clientEnd = ends.second;
+    m_fs = createObject<CMemFileSystem>();
+    m_fs->addFile("/share/a.txt", "hello");
+    m_fs->addFolder("/share/docs");
+    m_fs->addFile("/share/docs/b.txt", "abc");
+    m_fs->addFolder("/share/docs/sub");
+    m_server = createObject<CTestServer>(m_serverEnd.get());
+    m_server->addShare(CURISelector(CURI("file:///share")), m_fs.get());
+  }
+
+  CResponse call(CRequest& request) {
+    m_lastResponse = m_server->handleMessage(request.message());
+    return parseResponse(*m_lastResponse);
+  }
+  CResponse callText(int func, const String& uriText) {
+    CRequest request(func);
+    request.str(uriText);
+    return call(request);
+  }
+
+  P<IConnection> m_serverEnd;
+  P<IConnection> m_clientEnd;
+  P<CMemFileSystem> m_fs;
+  P<CTestServer> m_server;
+  P<CProxyFileSystemMessage> m_lastResponse;
+};
+
+TEST_F(FakeShareTest, UriOutsideEverySharetouchesNothing) {
+  for (const char* text : {"file:///other/a.txt", "file:///sharewide/a.txt",
+                           "http://host/share/a.txt", "file://server/share/a.txt", "file:///"}) {
+    CResponse response = callText(Server::FuncFileExists, text);
+    ASSERT_EQ(response.type, 0) << text;
+    EXPECT_EQ(response.error->getMessage(),
+              "Proxy URI does not reference a shared filesystem area.");
+    EXPECT_EQ(response.error->getParams().get("uri"), CURI(text).toNormalized().toString(true));
+  }
+  // The second URI of a two-location function is checked before anything runs.
+  CRequest move(Server::FuncMoveFile);
+  EXPECT_EQ(call(move.str("file:///share/a.txt").str("file:///other/b.txt").b(false)).type, 0);
+  CRequest link(Server::FuncCreateFileSymLink);
+  EXPECT_EQ(call(link.str("file:///other/secret").str("file:///share/l")).type, 0);
+  CRequest store(Server::FuncBackgroundStoreBegin);
+  EXPECT_EQ(call(store.str("file:///other/x").i64(1).b(true).raw("x")).type, 0);
+  EXPECT_EQ(m_fs->getCallCount(), 0);
+  // Not a URI at all.
+  EXPECT_EQ(callText(Server::FuncFileExists, "C:\\share\\a.txt").type, 0);
+  EXPECT_EQ(m_fs->getCallCount(), 0);
+
+  CResponse inside = callText(Server::FuncFileExists, "file:///share/a.txt");
+  ASSERT_TRUE(inside.isOK());
+  EXPECT_TRUE(inside.in->readBool());
+  EXPECT_EQ(m_fs->getCallCount(), 1);
+}
+
+TEST_F(FakeShareTest, DotDotIsRefusedEvenInside) {
+  for (const char* text :
+       {"file:///share/docs/../a.txt", "file:///share/docs/%2E%2E/a.txt", "file:///share/docs/..",
+        "file:///share/.../a.txt", "file:///share/docs/.. ", "file:///share/docs//b.txt",
+        "file:///share/docs%2F..%2F..%2Fetc", "file:///share/a%00.txt",
+        "file:///share/docs/%2E%2E%2Fa.txt"}) {
+    CResponse response = callText(Server::FuncFileExists, text);
+    ASSERT_EQ(response.type, 0) << text;
+    EXPECT_EQ(response.error->getMessage(), "Invalid path.") << text;
+    EXPECT_EQ(problemOf(*response.error), 6) << text;
+    PC<CError> cause = response.error->getCause();
+    ASSERT_TRUE(cause) << text;
+    EXPECT_EQ(cause->getMessage(), "Invalid path.");
+    EXPECT_EQ(cause->getErrorCode(), -1);
+    EXPECT_TRUE(cause->getParams().has("path"));
+  }
+  EXPECT_EQ(m_fs->getCallCount(), 0);
+  // "." segments name nothing and are fine.
+  CResponse dot = callText(Server::FuncFileExists, "file:///share/./docs/./b.txt");
+  ASSERT_TRUE(dot.isOK()) << dot.describe();
+  EXPECT_TRUE(dot.in->readBool());
+}
+
+TEST_F(FakeShareTest, EveryAssignedFunctionHasAHandler) {
+  // Without arguments every handler fails reading them; only 42 and 43 are
+  // not found at all.
+  int handlers = 0;
+  for (int func = 0; func <= Server::FuncQuickCheckFolderAccessible; ++func) {
+    CRequest request(func);
+    CResponse response = call(request);
+    ASSERT_EQ(response.type, 0) << func;
+    const bool unknown = response.error->getMessage() ==
+                         "Unknown proxy filesystem function: " + String::fromInt64(func);
+    EXPECT_EQ(unknown, func == 42 || func == 43) << func << ": " << response.describe();
+    if (!unknown) {
+      EXPECT_TRUE(response.error->isError("IO", CIOError::UnexpectedEnd)) << func;
+      ++handlers;
+    }
+  }
+  EXPECT_EQ(handlers, 62);
+  EXPECT_EQ(m_fs->getCallCount(), 0);
+}
+
+TEST_F(FakeShareTest, ErrorsHoldingNulCharactersStayLoadable) {
+  // The parse error names the text, NUL and all; stored texts end at a NUL.
+  // Written by hand: writeString stops at a NUL.
+  const char raw[] = "fi\0le:///share/a";
+  const std::string text(raw, sizeof raw - 1);
+  CRequest request(Server::FuncFileExists);
+  CResponse response = call(request.i32(static_cast<int>(text.size())).raw(text));
+  ASSERT_EQ(response.type, 0);
+  EXPECT_TRUE(response.atEnd());
+  EXPECT_EQ(response.error->getParams().get("uri").toStdUTF8(), "fi%00le:///share/a");
+  CRequest next(Server::FuncFileExists);
+  ASSERT_TRUE(call(next.str("file:///share/a.txt")).isOK());
+}
+
+TEST(ProxyServerPathTest, ValidateAndSecurePath) {
+  auto refused = [](const std::wstring& text, bool backslash) {
+    String path(text);
+    try {
+      CTestServer::validateAndSecurePath(path, backslash);
+      return false;
+    } catch (const CFileSystemError& e) {
+      EXPECT_EQ(e.getMessage(), "Invalid path.");
+      return true;
+    }
+  };
+  EXPECT_FALSE(refused(L"/a/b", false));
+  EXPECT_FALSE(refused(L"/a/b/", false));
+  EXPECT_FALSE(refused(L"/C:/dir/file.txt", true));
+  EXPECT_FALSE(refused(L"", false));
+  EXPECT_FALSE(refused(L"/a/.hidden/..b/b..", false));
+  EXPECT_TRUE(refused(L"/a/../b", false));
+  EXPECT_TRUE(refused(L"/a/..", false));
+  EXPECT_TRUE(refused(L"/../", false));
+  EXPECT_TRUE(refused(L"/a//.../b", false));
+  EXPECT_TRUE(refused(L"/a/. ./b", false));
+  EXPECT_TRUE(refused(L"/a//b", false));
+  // A backslash separates only where asked to.
+  EXPECT_FALSE(refused(L"/a\\..\\b", false));
+  EXPECT_TRUE(refused(L"/a\\..\\b", true));
+  String path(L"/C:\\dir\\f");
+  CTestServer::validateAndSecurePath(path, true);
+  EXPECT_EQ(path, "/C:/dir/f");
+}
+
+TEST_F(FakeShareTest, RelativeSymLinkTargetsPassUnchanged) {
+  CRequest plain(Server::FuncCreateFileSymLink);
+  ASSERT_TRUE(call(plain.str("../x").str("file:///share/l1")).isOK());
+  EXPECT_EQ(m_fs->getLastSymLink().first, CURI("file:///share/l1"));
+  EXPECT_EQ(m_fs->getLastSymLink().second, CURI("file:../x"));
+  CRequest rootless(Server::FuncCreateFolderSymLink);
+  ASSERT_TRUE(call(rootless.str("file:sub/dir").str("file:///share/l2")).isOK());
+  EXPECT_EQ(m_fs->getLastSymLink().second, CURI("file:sub/dir"));
+  // Absolute targets are resolved like any URI.
+  CRequest absolute(Server::FuncCreateFileSymLink);
+  ASSERT_TRUE(call(absolute.str("file:///share/a.txt").str("file:///share/l3")).isOK());
+  EXPECT_EQ(m_fs->getLastSymLink().second, CURI("file:///share/a.txt"));
+  CRequest absolutePath(Server::FuncCreateFileSymLink);
+  CResponse outside = call(absolutePath.str("/etc/passwd").str("file:///share/l4"));
+  ASSERT_EQ(outside.type, 0);
+  EXPECT_EQ(outside.error->getMessage(), "Proxy URI does not reference a shared filesystem area.");
+}
+
+TEST_F(FakeShareTest, TwoLocationsMustShareOneFileSystem) {
+  P<CMemFileSystem> other = createObject<CMemFileSystem>();
+  m_server->addShare(CURISelector(CURI("file:///other")), other.get());
+  CRequest move(Server::FuncMoveFile);
+  CResponse response = call(move.str("file:///share/a.txt").str("file:///other/a.txt").b(false));
+  ASSERT_EQ(response.type, 0);
+  EXPECT_EQ(response.error->getMessage(),
+            "Proxy URIs must be on same filesystem for this functionality.");
+  CRequest copy(Server::FuncCopyFile);
+  EXPECT_EQ(
+      call(copy.str("file:///share/a.txt").str("file:///other/a.txt").b(false)).error->getMessage(),
+      "Proxy URIs must be on same filesystem for this functionality.");
+  CRequest link(Server::FuncCreateFileHardLink);
+  EXPECT_EQ(call(link.str("file:///other/l").str("file:///share/a.txt")).type, 0);
+  CRequest backgroundMove(Server::FuncBackgroundMoveFileBegin);
+  EXPECT_EQ(call(backgroundMove.str("file:///share/a.txt").str("file:///other/b").b(true)).type, 0);
+  EXPECT_EQ(m_fs->getCallCount() + other->getCallCount(), 0);
+}
+
+TEST_F(FakeShareTest, RemovedShareRefusesNewRequestsOnly) {
+  CRequest open(Server::FuncStreamOpen);
+  CResponse opened = call(open.str("file:///share/a.txt").i32(kRead).i32(0));
+  ASSERT_TRUE(opened.isOK());
+  const int64 stream = opened.in->readInt64();
+  m_server->removeShare(CURISelector(CURI("file:///share")));
+  EXPECT_EQ(callText(Server::FuncFileExists, "file:///share/a.txt").type, 0);
+  CRequest read(Server::FuncStreamReadLax);
+  CResponse data = call(read.i64(stream).i32(10));
+  ASSERT_TRUE(data.isOK());
+  EXPECT_EQ(data.readBytes(data.in->readInt32()), "hello");
+}
+
+TEST_F(FakeShareTest, BackgroundOpsAreReportedOnceAndNeverLost) {
+  CRequest first(Server::FuncBackgroundCreateFolderBegin);
+  const int64 a = call(first.str("file:///share/n1").i32(0)).in->readInt64();
+  CRequest second(Server::FuncBackgroundDeleteFileBegin);
+  const int64 b = call(second.str("file:///share/a.txt")).in->readInt64();
+  ASSERT_EQ(m_fs->getOps().size(), 2u);
+
+  auto finalize = [&](std::vector<int64> handles) {
+    CRequest request(Server::FuncBackgroundOpsFinalize);
+    for (int64 h : handles) request.i64(h);
+    request.i64(-1);
+    return call(request);
+  };
+  auto reports = [](CResponse& response) {
+    std::vector<std::pair<int64, P<CError>>> list;
+    for (;;) {
+      const int64 handle = response.in->readInt64();
+      if (handle == -1) break;
+      list.emplace_back(handle, response.in->readBool() ? loadError(*response.in) : P<CError>());
+    }
+    EXPECT_TRUE(response.atEnd());
+    return list;
+  };
+
+  CResponse none = finalize({a, b});
+  ASSERT_TRUE(none.isOK());
+  EXPECT_TRUE(reports(none).empty());
+
+  m_fs->getOps()[0]->finish();
+  CResponse one = finalize({a, b, a});
+  auto firstReports = reports(one);
+  ASSERT_EQ(firstReports.size(), 1u);
+  EXPECT_EQ(firstReports[0].first, a);
+  EXPECT_FALSE(firstReports[0].second);
+
+  // An unknown handle fails the request; b's report is kept for later.
+  const CError failure("delete failed", "errno", 13);
+  m_fs->getOps()[1]->finish(&failure);
+  CResponse mixed = finalize({b, 12345});
+  ASSERT_EQ(mixed.type, 0);
+  EXPECT_EQ(mixed.error->getMessage(), "Invalid background op ID: 12345");
+  CResponse later = finalize({b});
+  auto lastReports = reports(later);
+  ASSERT_EQ(lastReports.size(), 1u);
+  ASSERT_TRUE(lastReports[0].second);
+  EXPECT_EQ(lastReports[0].second->getMessage(), "delete failed");
+  EXPECT_TRUE(lastReports[0].second->isError("errno", 13));
+  EXPECT_EQ(m_server->getOpenHandleCount(), 0);
+}
+
+// ---------------------------------------------------------------------------
+// Rebasing shares
+
+TEST_F(ServerTest, RebasingShareMapsBothWays) {
+  m_server->addShare(CURISelector(CURI("file:///backup")), m_fs.get(), m_root);
+  CRequest ensure(Server::FuncEnsureFileExists);
+  ASSERT_TRUE(call(ensure.str("file:///backup/a%20b.txt")).isOK());
+  EXPECT_TRUE(m_fs->fileExists(uri("a b.txt")));
+
+  CRequest unique(Server::FuncCreateUniqueFilename);
+  EXPECT_EQ(ok(unique.str("file:///backup").str("a b.txt")).in->readString(),
+            "file:///backup/a%20b%20(2).txt");
+  CRequest create(Server::FuncCreateFolder);
+  ok(create.str("file:///backup/sub").i32(0));
+  EXPECT_TRUE(m_fs->folderExists(uri("sub")));
+  CRequest uniqueFolder(Server::FuncCreateUniqueFolderName);
+  EXPECT_EQ(ok(uniqueFolder.str("file:///backup/sub/").str("sub")).in->readString(),
+            "file:///backup/sub/sub");
+  // The volume root lies outside the share root: the client gets the share.
+  CRequest volume(Server::FuncGetVolumeRootPath);
+  EXPECT_EQ(ok(volume.str("file:///backup/sub")).in->readString(), "file:///backup");
+
+  CRequest outside(Server::FuncFileExists);
+  EXPECT_EQ(fails(outside.str("file:///backupx/a"))->getMessage(),
+            "Proxy URI does not reference a shared filesystem area.");
+}
+
+// ---------------------------------------------------------------------------
+// Confinement against links (Linux: Wine has no symbolic links)
+
+#ifndef _WIN32
+class LinkEscapeTest : public ServerTest {
+ protected:
+  LinkEscapeTest() {
+    writeFile("inside.txt", "inside");
+    secret = m_outside.file("secret.txt");
+    std::ofstream(nativeOf(secret)) << "top secret";
+    link(m_outside.getPath(), "out");
+    link(secret, "s.txt");
+    const std::string outsideName =
+        nativeOf(m_outside.getPath()).substr(nativeOf(m_outside.getPath()).rfind('/') + 1);
+    link("../" + outsideName + "/secret.txt", "rel.txt");
+    link(m_outside.file("new.txt"), "dangling.txt");
+  }
+  void link(const String& target, const std::string& name) {
+    ASSERT_EQ(::symlink(nativeOf(target).c_str(), nativeOf(m_temp.file(name.c_str())).c_str()), 0);
+  }
+  bool outsideHas(const char* name) {
+    return ::access(nativeOf(m_outside.file(name)).c_str(), F_OK) == 0;
+  }
+  void expectEscapeRefused(CResponse response, const std::string& what) {
+    ASSERT_EQ(response.type, 0) << what;
+    EXPECT_EQ(problemOf(*response.error), CFileSystemError::ProblemAccessDenied)
+        << what << ": " << response.describe();
+    EXPECT_EQ(response.error->getMessage(), CShareConfinement::kEscapeMessage) << what;
+    ASSERT_TRUE(response.error->getCause()) << what;
+    EXPECT_TRUE(response.error->getCause()->getParams().has("path")) << what;
+  }
+
+  test::CTempFolder m_outside;
+  String secret;
+};
+
+TEST_F(LinkEscapeTest, ReadingThroughALinkOutsideIsRefused) {
+  for (const char* name : {"out/secret.txt", "s.txt", "rel.txt"}) {
+    CRequest open(Server::FuncStreamOpen);
+    expectEscapeRefused(call(open.uri(uri(name)).i32(kRead).i32(0)), name);
+    CRequest exists(Server::FuncFileExists);
+    expectEscapeRefused(call(exists.uri(uri(name))), name);
+    CRequest info(Server::FuncFileInfoOpen);
+    expectEscapeRefused(call(info.uri(uri(name)).b(true)), name);
+  }
+  CRequest list(Server::FuncGetFolderContents);
+  expectEscapeRefused(call(list.uri(uri("out"))), "listing");
+  CRequest copy(Server::FuncCopyFile);
+  expectEscapeRefused(call(copy.uri(uri("s.txt")).uri(uri("copy.txt")).b(false)), "copy");
+  EXPECT_FALSE(m_fs->pathExists(uri("copy.txt")));
+  EXPECT_EQ(m_server->getOpenHandleCount(), 0);
+
+  // The link itself may be looked at and removed; its target stays.
+  CRequest linkInfo(Server::FuncFileInfoOpen);
+  CResponse response = ok(linkInfo.uri(uri("s.txt")).b(false));
+  response.in->readInt64();
+  P<CFileInfoBase> info = createObject<CFileInfoBase>();
+  Server::readInfoItems(*response.in, *info);
+  EXPECT_EQ(info->getSymLinkType(), IFileInfoBase::SymLinkFile);
+  CRequest remove(Server::FuncDeleteSymLink);
+  ok(remove.uri(uri("s.txt")));
+  EXPECT_TRUE(outsideHas("secret.txt"));
+  // Links that stay inside work as usual.
+  ASSERT_EQ(::symlink("inside.txt", nativeOf(m_temp.file("good.txt")).c_str()), 0);
+  CRequest good(Server::FuncStreamOpen);
+  EXPECT_GT(ok(good.uri(uri("good.txt")).i32(kRead).i32(0)).in->readInt64(), 0);
+}
+
+TEST_F(LinkEscapeTest, WritingThroughALinkOutsideIsRefused) {
+  CRequest ensure(Server::FuncEnsureFileExists);
+  expectEscapeRefused(call(ensure.uri(uri("dangling.txt"))), "dangling");
+  CRequest create(Server::FuncStreamOpen);
+  expectEscapeRefused(call(create.uri(uri("out/new.txt")).i32(kReadWrite).i32(0)),
+                      "through folder");
+  CRequest folder(Server::FuncCreateFolder);
+  expectEscapeRefused(call(folder.uri(uri("out/made")).i32(0)), "folder");
+  CRequest store(Server::FuncBackgroundStoreBegin);
+  expectEscapeRefused(call(store.uri(uri("dangling.txt")).i64(1).b(true).raw("x")), "store");
+  CRequest modifier(Server::FuncMetaModifierOpen);
+  expectEscapeRefused(call(modifier.uri(uri("s.txt")).b(true)), "modifier");
+  CRequest move(Server::FuncMoveFile);
+  expectEscapeRefused(call(move.uri(uri("inside.txt")).uri(uri("out/moved.txt")).b(false)), "move");
+  EXPECT_FALSE(outsideHas("new.txt"));
+  EXPECT_FALSE(outsideHas("made"));
+  EXPECT_FALSE(outsideHas("moved.txt"));
+  EXPECT_EQ(m_server->getOpenHandleCount(), 0);
+}
+
+TEST_F(LinkEscapeTest, LinkCreationCannotReachOutside) {
+  // An absolute target outside every share.
+  CRequest outside(Server::FuncCreateFileSymLink);
+  CResponse response = call(outside.uri(CURI::fromNativePath(CNativePath(secret))).uri(uri("l1")));
+  ASSERT_EQ(response.type, 0);
+  EXPECT_EQ(response.error->getMessage(), "Proxy URI does not reference a shared filesystem area.");
+  // A target inside the share by its text, outside by the links on the way.
+  CRequest through(Server::FuncCreateFileSymLink);
+  expectEscapeRefused(call(through.uri(uri("out/secret.txt")).uri(uri("l2"))), "symlink target");
+  CRequest hard(Server::FuncCreateFileHardLink);
+  expectEscapeRefused(call(hard.uri(uri("h1")).uri(uri("out/secret.txt"))), "hard link target");
+  EXPECT_FALSE(m_fs->pathExists(uri("l1")));
+  EXPECT_FALSE(m_fs->pathExists(uri("l2")));
+  EXPECT_FALSE(m_fs->pathExists(uri("h1")));
+
+  // link(2) takes a final link as it is: the new name is another link, and
+  // reading through it is refused like reading through the first.
+  CRequest linkToLink(Server::FuncCreateFileHardLink);
+  ok(linkToLink.uri(uri("h2")).uri(uri("s.txt")));
+  CRequest open(Server::FuncStreamOpen);
+  expectEscapeRefused(call(open.uri(uri("h2")).i32(kRead).i32(0)), "hard link to a link");
+}
+
+TEST_F(LinkEscapeTest, TheRootCannotBeReplaced) {
+  CRequest remove(Server::FuncDeleteEmptyFolder);
+  expectEscapeRefused(call(remove.uri(m_root).b(true)), "delete root");
+  CRequest move(Server::FuncMoveFile);
+  expectEscapeRefused(call(move.uri(m_root).uri(uri("x")).b(false)), "move root");
+  CRequest link(Server::FuncCreateFolderSymLink);
+  expectEscapeRefused(call(link.uri(uri("inside.txt")).uri(m_root)), "link at root");
+  EXPECT_TRUE(m_fs->folderExists(m_root));
+}
+#endif
+
+// ---------------------------------------------------------------------------
+// Login callbacks
+
+class LoginCallbackTest : public FakeShareTest {
+ protected:
+  LoginCallbackTest() : m_client(m_clientEnd.get()) {
+    m_fs->onFileExists = [this](const CURI& uri) {
+      CURISelector area;
+      CProps props = m_fs->getLoginManagerSet()->getLoginInfo(uri, &area);
+      m_seenArea = area;
+      return props.get("user") == "bob";
+    };
+    m_fs->onDeleteFile = [this](const CURI&) {
+      CProps props;
+      props.set("user", "alice");
+      props.set("password", "p\"w");
+      m_fs->getLoginManagerSet()->updateLoginInfo(CURISelector(CURI("file:///share/docs")), props);
+    };
+  }
+
+  // Sends request, lets the server handle it on its own thread, runs answer
+  // for the callback frame, and returns the final response.
+  template <class Answer>
+  CResponse exchange(CRequest& request, int expectedCallback, Answer answer) {
+    m_client.send(request);
+    std::thread serving([this] { m_server->handleNextMessage(); });
+    CResponse callback = m_client.receive();
+    EXPECT_EQ(callback.type, expectedCallback);
+    answer(callback);
+    CResponse result = m_client.receive();
+    serving.join();
+    return result;
+  }
+  void answer(const std::function<void(CDataOutStream&)>& fill) {
+    CProxyFileSystemMessage message;
+    P<CDataOutStream> out = message.clearAndOpenOutStream();
+    fill(*out);
+    message.write(*m_clientEnd->getOutStream());
+  }
+
+  CRawClient m_client;
+  CURISelector m_seenArea;
+};
+
+TEST_F(LoginCallbackTest, GetLoginInfoAnswered) {
+  CRequest request(Server::FuncFileExists);
+  request.str("file:///share/a.txt");
+  CResponse result = exchange(request, Server::ResponseGetLoginInfo, [&](CResponse& callback) {
+    EXPECT_EQ(callback.in->readString(), "file:///share/a.txt");
+    EXPECT_TRUE(callback.atEnd());
+    answer([](CDataOutStream& out) {
+      out.writeInt32(1);
+      CProps props;
+      props.set("user", "bob");
+      out.writeString(props.toString());
+      CURISelector(CURI("file:///share")).store(out);
+    });
+  });
+  ASSERT_TRUE(result.isOK()) << result.describe();
+  EXPECT_TRUE(result.in->readBool());
+  EXPECT_EQ(m_seenArea, CURISelector(CURI("file:///share")));
+}
+
+TEST_F(LoginCallbackTest, GetLoginInfoRefusedByTheClient) {
+  CRequest request(Server::FuncFileExists);
+  request.str("file:///share/a.txt");
+  CResponse result = exchange(request, Server::ResponseGetLoginInfo, [&](CResponse& callback) {
+    callback.in->readString();
+    answer([](CDataOutStream& out) {
+      out.writeInt32(0);
+      storeError(CFileSystemError(CFileSystemError::ProblemAccessDenied, CError("No credentials.")),
+                 out);
+    });
+  });
+  ASSERT_EQ(result.type, 0);
+  EXPECT_EQ(result.error->getMessage(), "No credentials.");
+  EXPECT_EQ(problemOf(*result.error), CFileSystemError::ProblemAccessDenied);
+  ASSERT_TRUE(result.error->getCause());
+  EXPECT_EQ(result.error->getCause()->getMessage(), "No credentials.");
+}
+
+TEST_F(LoginCallbackTest, UnexpectedAnswersAreErrors) {
+  CRequest get(Server::FuncFileExists);
+  get.str("file:///share/a.txt");
+  CResponse first = exchange(get, Server::ResponseGetLoginInfo, [&](CResponse&) {
+    answer([](CDataOutStream& out) { out.writeInt32(7); });
+  });
+  ASSERT_EQ(first.type, 0);
+  EXPECT_EQ(first.error->getMessage(),
+            "CProxyFileSystemServer: Unexpected message code received in response to "
+            "ResponseGetLoginInfo: 7");
+  EXPECT_EQ(first.error->getErrorCode(), -1);
+
+  CRequest update(Server::FuncDeleteFile);
+  update.str("file:///share/a.txt").b(false);
+  CResponse second = exchange(update, Server::ResponseUpdateLoginInfo, [&](CResponse&) {
+    answer([](CDataOutStream& out) { out.writeInt32(7); });
+  });
+  ASSERT_EQ(second.type, 0);
+  EXPECT_EQ(second.error->getMessage(),
+            "CProxyFileSystemServer: Unexpected message code received in response to "
+            "ResponseGetLoginInfo: 7");
+}
+
+TEST_F(LoginCallbackTest, UpdateLoginInfoAnswered) {
+  CRequest request(Server::FuncDeleteFile);
+  request.str("file:///share/a.txt").b(false);
+  CResponse result = exchange(request, Server::ResponseUpdateLoginInfo, [&](CResponse& callback) {
+    EXPECT_EQ(CURISelector::load(*callback.in), CURISelector(CURI("file:///share/docs")));
+    CProps props = CProps::fromString(callback.in->readString());
+    EXPECT_EQ(props.get("user"), "alice");
+    EXPECT_EQ(props.get("password"), "p\"w");
+    EXPECT_TRUE(callback.atEnd());
+    answer([](CDataOutStream& out) { out.writeInt32(1); });
+  });
+  EXPECT_TRUE(result.isOK()) << result.describe();
+  EXPECT_TRUE(result.atEnd());
+}
+
+TEST_F(LoginCallbackTest, CallbacksGoToTheConnectionOfTheRunningRequest) {
+  // A second server shares the same file system and becomes its login
+  // manager; requests of the first still call back on their own connection.
+  auto ends = CInProcessConnection::createPair();
+  P<Server> second = createObject<Server>(ends.first.get());
+  second->addShare(CURISelector(CURI("file:///share")), m_fs.get());
+  EXPECT_EQ(m_fs->getLoginManagerSet().get(), second->getLoginManager().get());
+
+  CRequest request(Server::FuncFileExists);
+  request.str("file:///share/a.txt");
+  CResponse result = exchange(request, Server::ResponseGetLoginInfo, [&](CResponse& callback) {
+    callback.in->readString();
+    answer([](CDataOutStream& out) {
+      out.writeInt32(1);
+      out.writeString("\"user\"=\"bob\"");
+      CURISelector().store(out);
+    });
+  });
+  ASSERT_TRUE(result.isOK()) << result.describe();
+  EXPECT_TRUE(result.in->readBool());
+  char byte;
+  EXPECT_EQ(ends.second->getInStream()->readAvailable(&byte, 1), 0);
+}
+
+TEST_F(LoginCallbackTest, OutsideARequestThereIsNobodyToAsk) {
+  EXPECT_THROW(m_server->getLoginManager()->getLoginInfo(CURI("file:///share/a.txt"), nullptr),
+               CBadStateError);
+  EXPECT_THROW(m_server->getLoginManager()->updateLoginInfo(CURISelector(), CProps()),
+               CBadStateError);
+  // A request whose file system asks from another thread (a worker) gets the
+  // same refusal as its error response.
+  m_fs->onFileExists = [this](const CURI& uri) {
+    bool refused = false;
+    std::thread worker([&] {
+      try {
+        m_fs->getLoginManagerSet()->getLoginInfo(uri, nullptr);
+      } catch (const CBadStateError&) {
+        refused = true;
+      }
+    });
+    worker.join();
+    return refused;
+  };
+  CResponse response = callText(Server::FuncFileExists, "file:///share/a.txt");
+  ASSERT_TRUE(response.isOK());
+  EXPECT_TRUE(response.in->readBool());
+}
+
+// ---------------------------------------------------------------------------
+// Byte-exact frames
+
+struct CScenario {
+  std::string name;
+  std::vector<std::pair<std::string, Bytes>> frames;  // "request" / "response"
+};
+
+std::vector<CScenario> loadScenarios(const std::string& path) {
+  std::ifstream file(path);
+  EXPECT_TRUE(file.good()) << path;
+  std::vector<CScenario> scenarios;
+  std::string line;
+  while (std::getline(file, line)) {
+    const size_t hash = line.find('#');
+    if (hash != std::string::npos) line.resize(hash);
+    std::istringstream tokens(line);
+    std::string word;
+    if (!(tokens >> word)) continue;
+    if (word == "scenario") {
+      scenarios.emplace_back();
+      tokens >> scenarios.back().name;
+    } else if (word == "end") {
+      continue;
+    } else {
+      if (scenarios.empty()) {
+        ADD_FAILURE() << "frame outside a scenario: " << line;
+        continue;
+      }
+      auto& frames = scenarios.back().frames;
+      if (word == "request" || word == "response") {
+        frames.emplace_back(word, Bytes());
+      } else if (word != "more" || frames.empty()) {
+        ADD_FAILURE() << "unknown line: " << line;
+        continue;
+      }
+      std::string hex;
+      while (tokens >> hex)
+        frames.back().second.push_back(static_cast<unsigned char>(std::stoul(hex, nullptr, 16)));
+    }
+  }
+  return scenarios;
+}
+
+TEST(ProxyServerVectors, FramesAreByteExact) {
+  const std::vector<CScenario> scenarios = loadScenarios(ZEL_TEST_VECTORS_DIR "/proxy_frames.txt");
+  EXPECT_GE(scenarios.size(), 8u);
+  for (const CScenario& scenario : scenarios) {
+    SCOPED_TRACE(scenario.name);
+    auto ends = CInProcessConnection::createPair();
+    P<CMemFileSystem> fs = createObject<CMemFileSystem>();
+    fs->addFile("/share/a.txt", "hello");
+    fs->addFolder("/share/docs");
+    fs->addFile("/share/docs/b.txt", "abc");
+    fs->addFolder("/share/docs/sub");
+    P<Server> server = createObject<Server>(ends.first.get());
+    server->addShare(CURISelector(CURI("file:///share")), fs.get());
+    // Through the connection, as a client would see it.
+    CRawClient client(ends.second.get());
+    for (size_t i = 0; i < scenario.frames.size(); ++i) {
+      const auto& [kind, bytes] = scenario.frames[i];
+      ASSERT_GE(bytes.size(), 4u);
+      const uint32_t length =
+          bytes[0] | bytes[1] << 8 | bytes[2] << 16 | static_cast<uint32_t>(bytes[3]) << 24;
+      ASSERT_EQ(length, bytes.size() - 4) << "length field of frame " << i;
+      if (kind != "request") continue;
+      ASSERT_LT(i + 1, scenario.frames.size());
+      ASSERT_EQ(scenario.frames[i + 1].first, "response");
+      client.send(bytes);
+      ASSERT_TRUE(server->handleNextMessage());
+      P<CProxyFileSystemMessage> response =
+          CProxyFileSystemMessage::read(*ends.second->getInStream());
+      Bytes frame = {0, 0, 0, 0};
+      const Bytes payload = proxy_test::payloadOf(*response);
+      frame.insert(frame.end(), payload.begin(), payload.end());
+      const size_t n = payload.size();
+      frame[0] = static_cast<unsigned char>(n);
+      frame[1] = static_cast<unsigned char>(n >> 8);
+      frame[2] = static_cast<unsigned char>(n >> 16);
+      frame[3] = static_cast<unsigned char>(n >> 24);
+      EXPECT_EQ(frame, scenario.frames[i + 1].second)
+          << "response to frame " << i << ": " << parseResponse(*response).describe();
+    }
+  }
+}
+
+}  // namespace
+}  // namespace zel

@@ -1,0 +1,105 @@
+// CShareConfinement: keeps the operations of a file-system server inside the
+// folder it shares, wherever the symbolic links (and, on Windows, junctions)
+// inside that folder point.
+//
+// The server confines a URI by its text first (it refuses ".." and similar
+// segments). What the text cannot show is where the operating system will
+// take the path once it follows the links on the way; check() asks the
+// system. It is given the path's components relative to the root folder and
+// how the coming operation treats the last component:
+//   FollowLinks   the operation follows a final link (open, stat, create
+//                 through a dangling link, mkdir ...): the whole path is
+//                 resolved, a final link included.
+//   LinkItself    the operation acts on the entry itself (lstat, readlink,
+//                 and Linux link(2), which does not follow its target): every
+//                 component but the last is resolved, the last is taken as
+//                 it stands.
+//   ChangesEntry  as LinkItself, for operations that remove, replace or
+//                 rename the entry. The root itself is refused here, so that
+//                 a client can never delete the shared folder and put a link
+//                 in its place.
+// Components that do not exist are fine: the operation itself then reports
+// "not found", or creates them. Empty components are skipped (the systems
+// merge repeated separators). A component holding a separator or a NUL
+// character is refused with CInvalidArgError: the caller must vet the path
+// first.
+//
+// A path that leaves the root is refused with a CFileSystemError of
+// ProblemAccessDenied, message "Proxy path leaves the shared filesystem
+// area.", whose cause is a CError (no code) with the same message and the
+// parameters "path" (the components joined with "/") and "rootPath". Any
+// other failure of the check itself (out of descriptors, no permission to
+// search a folder ...) is thrown as the system error, so a check that cannot
+// be made never lets the operation through.
+//
+// Platforms:
+//   Linux    openat2(2) relative to the root with RESOLVE_BENEATH and
+//            RESOLVE_NO_MAGICLINKS: the kernel refuses (EXDEV) absolute
+//            links and ".." that would climb above the root, and /proc magic
+//            links (ELOOP; a link loop is refused the same way). Kernels
+//            without openat2 (before 5.6, or a sandbox that hides it) get the
+//            portable method: the real path (realpath) of the deepest
+//            existing ancestor must lie under the root's real path; a final
+//            link whose target is missing cannot be judged that way and is
+//            refused when followed.
+//   Windows  the path is opened with no access rights and
+//            FILE_FLAG_BACKUP_SEMANTICS (plus FILE_FLAG_OPEN_REPARSE_POINT
+//            for the entry itself), and its final path
+//            (GetFinalPathNameByHandleW) must be the root's final path or lie
+//            below it, compared without case on whole components. A missing
+//            entry is judged by its nearest existing ancestor; a final link
+//            whose target is missing cannot be resolved and is refused when
+//            followed. Wine has no real symbolic links, so there only plain
+//            paths are exercised.
+//
+// The root is opened for each check; no descriptor or handle is held between
+// calls, so a share costs nothing while idle and a root that is replaced is
+// seen as it is now.
+//
+// Race: checking and operating are two steps. Another party writing in the
+// same folder (another connection, a local program) could replace a checked
+// folder by a link between them. The check narrows that window but cannot
+// close it; closing it would need every operation of the served file system
+// to work relative to the checked descriptor.
+//
+// Thread safety: check() may be called from several threads at once.
+#pragma once
+
+#include "zel/core/base.h"
+#include "zel/core/containers.h"
+#include "zel/core/export.h"
+#include "zel/core/string.h"
+
+namespace zel {
+
+class ZEL_API CShareConfinement : public CBase {
+ public:
+  enum Target {
+    FollowLinks,
+    LinkItself,
+    ChangesEntry,
+  };
+
+  // rootPath: the shared folder as a native absolute path. It need not exist
+  // yet; while it is missing, every path below it counts as missing.
+  explicit CShareConfinement(const String& rootPath);
+  ~CShareConfinement() override;
+
+  const String& getRootPath() const { return m_rootPath; }
+
+  // Throws as described above when components (relative to the root) do not
+  // stay beneath it for an operation of the given kind.
+  void check(const TArray<String>& components, Target target) const;
+
+  // The message of the refusal.
+  static const char* const kEscapeMessage;
+
+  // Linux: use the portable method even where openat2 exists, so that tests
+  // reach it. No effect on Windows.
+  static void setPortableResolutionForTesting(bool on);
+
+ private:
+  String m_rootPath;
+};
+
+}  // namespace zel

@@ -1,0 +1,27 @@
+// The operating-system step of CShareConfinement (internal).
+//
+// share_confinement.cpp owns the contract (argument checks, the refusal of
+// the root, the error texts); the backends (share_confinement_posix.cpp,
+// share_confinement_win.cpp) only resolve one path and say where it ended.
+#pragma once
+
+#include "zel/core/containers.h"
+#include "zel/core/string.h"
+
+namespace zel::confinement_platform {
+
+enum class Resolution {
+  Beneath,  // the path exists and lies beneath the root (or is the root)
+  Missing,  // some component does not exist; nothing on the way left the root
+  Escapes,  // resolving the path leaves the root (or cannot be judged safely)
+};
+
+// components: vetted, non-empty names. followFinal false takes the last
+// component as it stands (lstat-like). Failures of the check itself throw the
+// system error with "func" and "action".
+Resolution resolve(const String& rootPath, const TArray<String>& components, bool followFinal);
+
+// Linux only (see CShareConfinement::setPortableResolutionForTesting).
+void setPortableResolution(bool on);
+
+}  // namespace zel::confinement_platform

@@ -1,0 +1,190 @@
+// Linux step of CShareConfinement: openat2 with RESOLVE_BENEATH, and the
+// real-path comparison for kernels without it.
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <string>
+
+#include "zel/core/error.h"
+#include "zel/core/sys_error.h"
+#include "zel/fs/proxy/share_confinement_platform.h"
+
+namespace zel::confinement_platform {
+
+namespace {
+
+// Set once openat2 turned out to be missing, or by the test switch.
+std::atomic<bool> g_portable{false};
+
+// A rename elsewhere on the system makes RESOLVE_BENEATH answer EAGAIN; a few
+// retries ride that out.
+constexpr int kRenameRetries = 16;
+
+[[noreturn]] void fail(const char* func, int code, const std::string& path) {
+  CProps params;
+  params.set("func", func);
+  params.set("action", "CShareConfinement::check");
+  params.set("path", String::fromUTF8(path.c_str(), path.size()));
+  throw CError(getSysErrorMessage(code), CError::errnoErrorDomain(), code, params);
+}
+
+std::string toNative(const String& text) {
+  int length = 0;
+  wxCharBuffer bytes = text.toFileSystemEncoding(&length);
+  return std::string(bytes.data(), static_cast<size_t>(length));
+}
+
+class CScopedFd {
+ public:
+  explicit CScopedFd(int fd) : m_fd(fd) {}
+  ~CScopedFd() {
+    if (m_fd >= 0) {
+      CPreserveLastSysError preserve;
+      ::close(m_fd);
+    }
+  }
+  CScopedFd(const CScopedFd&) = delete;
+  CScopedFd& operator=(const CScopedFd&) = delete;
+  int get() const { return m_fd; }
+
+ private:
+  int m_fd;
+};
+
+bool isMissing(int code) { return code == ENOENT || code == ENOTDIR; }
+
+// Tri-state answer of openat2: a resolution, or "not available here".
+enum class Openat2Answer { Beneath, Missing, Escapes, Unavailable };
+
+Openat2Answer resolveWithOpenat2(int rootFd, const std::string& relative, bool followFinal) {
+  struct open_how how = {};
+  how.flags = O_PATH | O_CLOEXEC | (followFinal ? 0 : O_NOFOLLOW);
+  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
+  for (int attempt = 0; attempt < kRenameRetries; ++attempt) {
+    const long fd = ::syscall(SYS_openat2, rootFd, relative.c_str(), &how, sizeof how);
+    if (fd >= 0) {
+      ::close(static_cast<int>(fd));
+      return Openat2Answer::Beneath;
+    }
+    const int code = errno;
+    if (code == EINTR || code == EAGAIN) continue;
+    if (isMissing(code)) return Openat2Answer::Missing;
+    if (code == EXDEV || code == ELOOP) return Openat2Answer::Escapes;
+    if (code == ENOSYS) return Openat2Answer::Unavailable;
+    fail("openat2", code, relative);
+  }
+  fail("openat2", EAGAIN, relative);
+}
+
+enum class RealPath { Found, Missing, Loop };
+
+// realpath of path.
+RealPath realPath(const std::string& path, std::string& real) {
+  char* resolved = ::realpath(path.c_str(), nullptr);
+  if (resolved == nullptr) {
+    const int code = errno;
+    if (isMissing(code)) return RealPath::Missing;
+    if (code == ELOOP) return RealPath::Loop;
+    fail("realpath", code, path);
+  }
+  real = resolved;
+  std::free(resolved);
+  return RealPath::Found;
+}
+
+bool isBelow(const std::string& real, const std::string& root) {
+  if (real == root) return true;
+  if (root == "/") return true;
+  return real.size() > root.size() && real.compare(0, root.size(), root) == 0 &&
+         real[root.size()] == '/';
+}
+
+// The real path of the deepest existing ancestor of root/components[0..count)
+// must lie under the root's real path.
+Resolution resolvePortable(const std::string& root, const TArray<String>& components,
+                           bool followFinal) {
+  std::string rootReal;
+  switch (realPath(root, rootReal)) {
+    case RealPath::Found:
+      break;
+    case RealPath::Missing:
+      return Resolution::Missing;
+    case RealPath::Loop:
+      fail("realpath", ELOOP, root);
+  }
+  int count = components.getCount();
+  if (!followFinal && count > 0) --count;  // the entry itself is not resolved
+  std::string path = root;
+  for (int i = 0; i < count; ++i) path += "/" + toNative(components[i]);
+
+  if (followFinal && count > 0) {
+    // A dangling final link: realpath cannot say where it would lead.
+    struct stat st;
+    if (::lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode) && ::stat(path.c_str(), &st) != 0 &&
+        isMissing(errno)) {
+      return Resolution::Escapes;
+    }
+  }
+  bool missing = false;
+  for (;;) {
+    std::string real;
+    const RealPath found = realPath(path, real);
+    if (found == RealPath::Loop) return Resolution::Escapes;
+    if (found == RealPath::Found) {
+      if (!isBelow(real, rootReal)) return Resolution::Escapes;
+      return missing ? Resolution::Missing : Resolution::Beneath;
+    }
+    missing = true;
+    if (count == 0) return Resolution::Missing;
+    --count;
+    path = root;
+    for (int i = 0; i < count; ++i) path += "/" + toNative(components[i]);
+  }
+}
+
+}  // namespace
+
+Resolution resolve(const String& rootPath, const TArray<String>& components, bool followFinal) {
+  const std::string root = toNative(rootPath);
+  if (!g_portable.load(std::memory_order_relaxed)) {
+    int rawFd;
+    do {
+      rawFd = ::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    } while (rawFd < 0 && errno == EINTR);
+    if (rawFd < 0) {
+      const int code = errno;
+      if (isMissing(code)) return Resolution::Missing;
+      fail("open", code, root);
+    }
+    CScopedFd rootFd(rawFd);
+    std::string relative;
+    for (const String& component : components) {
+      if (!relative.empty()) relative += '/';
+      relative += toNative(component);
+    }
+    if (relative.empty()) relative = ".";
+    switch (resolveWithOpenat2(rootFd.get(), relative, followFinal)) {
+      case Openat2Answer::Beneath:
+        return Resolution::Beneath;
+      case Openat2Answer::Missing:
+        return Resolution::Missing;
+      case Openat2Answer::Escapes:
+        return Resolution::Escapes;
+      case Openat2Answer::Unavailable:
+        g_portable.store(true, std::memory_order_relaxed);
+        break;
+    }
+  }
+  return resolvePortable(root, components, followFinal);
+}
+
+void setPortableResolution(bool on) { g_portable.store(on, std::memory_order_relaxed); }
+
+}  // namespace zel::confinement_platform

@@ -1,0 +1,228 @@
+#include "zel/fs/proxy/share_confinement.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#ifndef _WIN32
+#include <dirent.h>
+#include <unistd.h>
+#endif
+
+#include "tests/support/temp_folder.h"
+#include "zel/core/error.h"
+#include "zel/fs/local_file_system.h"
+
+namespace zel {
+namespace {
+
+using Target = CShareConfinement::Target;
+
+TArray<String> parts(std::initializer_list<const char*> names) {
+  TArray<String> result;
+  for (const char* name : names) result.add(String(name));
+  return result;
+}
+
+// Whether check() refuses; any refusal must be the documented one.
+bool refused(const CShareConfinement& confinement, const TArray<String>& components,
+             Target target) {
+  try {
+    confinement.check(components, target);
+    return false;
+  } catch (const CFileSystemError& e) {
+    EXPECT_EQ(e.getProblem(), CFileSystemError::ProblemAccessDenied);
+    EXPECT_EQ(e.getMessage(), CShareConfinement::kEscapeMessage);
+    PC<CError> cause = e.getCause();
+    EXPECT_TRUE(cause);
+    if (cause) {
+      EXPECT_EQ(cause->getParams().get("rootPath"), confinement.getRootPath());
+      String joined;
+      for (const String& c : components) {
+        if (c.isEmpty()) continue;
+        if (!joined.isEmpty()) joined += "/";
+        joined += c;
+      }
+      EXPECT_EQ(cause->getParams().get("path"), joined);
+    }
+    return true;
+  }
+}
+
+class ShareConfinementTest : public ::testing::Test {
+ protected:
+  ShareConfinementTest() : m_confinement(createObject<CShareConfinement>(m_root.getPath())) {
+    m_fs->createFolder(uri("a"), 0);
+    m_fs->ensureFileExists(uri("a/f.txt"));
+  }
+  ~ShareConfinementTest() override { m_fs->dispose(); }
+
+  CURI uri(const std::string& relative) const {
+    CURI result = CURI::fromNativePath(CNativePath(m_root.getPath()));
+    size_t start = 0;
+    for (;;) {
+      const size_t slash = relative.find('/', start);
+      result = result.append(String::fromUTF8(relative.substr(start, slash - start).c_str()));
+      if (slash == std::string::npos) return result;
+      start = slash + 1;
+    }
+  }
+
+  test::CTempFolder m_root;
+  P<CFileSystem> m_fs = createObject<CFileSystem>();
+  P<CShareConfinement> m_confinement;
+};
+
+TEST_F(ShareConfinementTest, PlainPathsStayInside) {
+  for (Target target : {CShareConfinement::FollowLinks, CShareConfinement::LinkItself,
+                        CShareConfinement::ChangesEntry}) {
+    EXPECT_FALSE(refused(*m_confinement, parts({"a", "f.txt"}), target));
+    EXPECT_FALSE(refused(*m_confinement, parts({"a"}), target));
+    // Missing parts are for the operation to report.
+    EXPECT_FALSE(refused(*m_confinement, parts({"missing", "deeper", "x"}), target));
+    EXPECT_FALSE(refused(*m_confinement, parts({"a", "f.txt", "below-a-file"}), target));
+    // Empty components are merged away.
+    EXPECT_FALSE(refused(*m_confinement, parts({"", "a", "", "f.txt"}), target));
+  }
+}
+
+TEST_F(ShareConfinementTest, TheRootCanBeUsedButNotChanged) {
+  EXPECT_FALSE(refused(*m_confinement, parts({}), CShareConfinement::FollowLinks));
+  EXPECT_FALSE(refused(*m_confinement, parts({}), CShareConfinement::LinkItself));
+  EXPECT_TRUE(refused(*m_confinement, parts({}), CShareConfinement::ChangesEntry));
+  EXPECT_TRUE(refused(*m_confinement, parts({"", ""}), CShareConfinement::ChangesEntry));
+}
+
+TEST_F(ShareConfinementTest, UnvettedComponentsAreAnArgumentError) {
+  EXPECT_THROW(m_confinement->check(parts({"a/f.txt"}), CShareConfinement::FollowLinks),
+               CInvalidArgError);
+  TArray<String> withNul;
+  withNul.add(String(L"a\0b", 3));
+  EXPECT_THROW(m_confinement->check(withNul, CShareConfinement::FollowLinks), CInvalidArgError);
+#ifdef _WIN32
+  EXPECT_THROW(m_confinement->check(parts({"a\\f.txt"}), CShareConfinement::FollowLinks),
+               CInvalidArgError);
+#else
+  // A backslash is an ordinary character of a Linux name.
+  EXPECT_FALSE(refused(*m_confinement, parts({"a\\f.txt"}), CShareConfinement::FollowLinks));
+#endif
+}
+
+TEST_F(ShareConfinementTest, MissingRootRefusesNothingBelowIt) {
+  P<CShareConfinement> missing = createObject<CShareConfinement>(m_root.file("not-there"));
+  EXPECT_FALSE(refused(*missing, parts({"x", "y"}), CShareConfinement::FollowLinks));
+  EXPECT_FALSE(refused(*missing, parts({"x"}), CShareConfinement::ChangesEntry));
+}
+
+#ifndef _WIN32
+std::string native(const String& path) { return path.toStdUTF8(); }
+
+int countOpenDescriptors() {
+  int count = 0;
+  DIR* dir = ::opendir("/proc/self/fd");
+  if (!dir) return -1;
+  while (struct dirent* entry = ::readdir(dir)) {
+    if (entry->d_name[0] != '.') ++count;
+  }
+  ::closedir(dir);
+  return count - 1;
+}
+
+// Both Linux methods: openat2, and the real-path comparison of kernels
+// without it.
+class ShareConfinementLinkTest : public ShareConfinementTest,
+                                 public ::testing::WithParamInterface<bool> {
+ protected:
+  ShareConfinementLinkTest() {
+    CShareConfinement::setPortableResolutionForTesting(GetParam());
+    ::mkdir(native(m_outside.file("dir")).c_str(), 0700);
+    link(m_outside.getPath(), "out");                     // absolute, outside
+    link(m_outside.file("dir"), "a/deep-out");            // in a subfolder
+    link(String("../") + outsideName() + "/dir", "rel");  // relative, climbing out
+    link(String("a/f.txt"), "in.txt");                    // stays inside
+    link(String("in.txt"), "chain.txt");                  // link to a link inside
+    link(String("../a"), "a/up");                         // ".." that stays inside
+    link(String("loop1"), "loop2");
+    link(String("loop2"), "loop1");
+    link(m_outside.file("missing.txt"), "dangling-out");
+    link(String("/proc/self/cwd"), "magic");
+  }
+  ~ShareConfinementLinkTest() override {
+    CShareConfinement::setPortableResolutionForTesting(false);
+  }
+
+  String outsideName() const {
+    const std::string path = native(m_outside.getPath());
+    return String::fromUTF8(path.substr(path.rfind('/') + 1).c_str());
+  }
+  void link(const String& target, const char* name) {
+    const std::string path = native(m_root.getPath()) + "/" + name;
+    ASSERT_EQ(::symlink(native(target).c_str(), path.c_str()), 0) << name;
+  }
+
+  test::CTempFolder m_outside;
+};
+
+TEST_P(ShareConfinementLinkTest, LinksLeadingOutAreRefused) {
+  const Target follow = CShareConfinement::FollowLinks;
+  for (const char* name : {"out", "rel", "magic", "dangling-out"}) {
+    EXPECT_TRUE(refused(*m_confinement, parts({name}), follow)) << name;
+  }
+  EXPECT_TRUE(refused(*m_confinement, parts({"out", "dir"}), follow));
+  EXPECT_TRUE(refused(*m_confinement, parts({"a", "deep-out", "new-file"}), follow));
+  EXPECT_TRUE(refused(*m_confinement, parts({"rel", "missing", "x"}), follow));
+  EXPECT_TRUE(refused(*m_confinement, parts({"loop1"}), follow));
+  // Links that stay inside are fine.
+  EXPECT_FALSE(refused(*m_confinement, parts({"in.txt"}), follow));
+  EXPECT_FALSE(refused(*m_confinement, parts({"chain.txt"}), follow));
+  EXPECT_FALSE(refused(*m_confinement, parts({"a", "up", "f.txt"}), follow));
+}
+
+TEST_P(ShareConfinementLinkTest, TheEntryItselfIsNotFollowed) {
+  for (Target target : {CShareConfinement::LinkItself, CShareConfinement::ChangesEntry}) {
+    for (const char* name : {"out", "rel", "magic", "dangling-out", "loop1"}) {
+      EXPECT_FALSE(refused(*m_confinement, parts({name}), target)) << name;
+    }
+    // What lies on the way is still resolved.
+    EXPECT_TRUE(refused(*m_confinement, parts({"out", "dir"}), target));
+    EXPECT_TRUE(refused(*m_confinement, parts({"a", "deep-out", "x"}), target));
+  }
+}
+
+TEST_P(ShareConfinementLinkTest, ARootReachedThroughALinkWorks) {
+  const String alias = m_outside.file("alias");
+  ASSERT_EQ(::symlink(native(m_root.getPath()).c_str(), native(alias).c_str()), 0);
+  P<CShareConfinement> confinement = createObject<CShareConfinement>(alias);
+  EXPECT_FALSE(refused(*confinement, parts({"a", "f.txt"}), CShareConfinement::FollowLinks));
+  EXPECT_FALSE(refused(*confinement, parts({"in.txt"}), CShareConfinement::FollowLinks));
+  EXPECT_TRUE(refused(*confinement, parts({"out"}), CShareConfinement::FollowLinks));
+}
+
+TEST_P(ShareConfinementLinkTest, NoDescriptorIsKept) {
+  const int before = countOpenDescriptors();
+  for (int i = 0; i < 50; ++i) {
+    refused(*m_confinement, parts({"a", "f.txt"}), CShareConfinement::FollowLinks);
+    refused(*m_confinement, parts({"out", "dir"}), CShareConfinement::LinkItself);
+  }
+  EXPECT_EQ(countOpenDescriptors(), before);
+}
+
+INSTANTIATE_TEST_SUITE_P(Methods, ShareConfinementLinkTest, ::testing::Values(false, true),
+                         [](const ::testing::TestParamInfo<bool>& info) {
+                           return info.param ? std::string("Portable") : std::string("Openat2");
+                         });
+
+TEST_F(ShareConfinementTest, DanglingLinksInsideDependOnTheMethod) {
+  ASSERT_EQ(::symlink("not-yet.txt", native(m_root.file("later.txt")).c_str()), 0);
+  // openat2 resolves the link and finds its target missing inside the share.
+  EXPECT_FALSE(refused(*m_confinement, parts({"later.txt"}), CShareConfinement::FollowLinks));
+  // The real-path method cannot tell where a dangling link leads.
+  CShareConfinement::setPortableResolutionForTesting(true);
+  EXPECT_TRUE(refused(*m_confinement, parts({"later.txt"}), CShareConfinement::FollowLinks));
+  EXPECT_FALSE(refused(*m_confinement, parts({"later.txt"}), CShareConfinement::LinkItself));
+  CShareConfinement::setPortableResolutionForTesting(false);
+}
+#endif
+
+}  // namespace
+}  // namespace zel
