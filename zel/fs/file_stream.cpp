@@ -97,6 +97,11 @@ int64 CFileStream::getLength() const {
   return withParams(errorParams("getLength"), [&] { return fs_platform::getFileSize(m_handle->get()); });
 }
 
+int64 CFileStream::getNativeFileHandle() const {
+  checkOpen("getNativeFileHandle");
+  return static_cast<int64>(m_handle->get());
+}
+
 int64 CFileStream::getPosition() const {
   checkOpen("getPosition");
   return m_position;

@@ -12,18 +12,22 @@
 // releases every range of its handle, and a lock released afterwards does
 // nothing. Lock objects may be released on any thread.
 //
+// It lends its handle (INativeFileSource) to the file-system server, which
+// sends file ranges from it without copying them.
+//
 // Errors carry the file's URI under "uri". Not synchronised otherwise: a
 // stream belongs to one thread at a time.
 #pragma once
 
 #include "zel/core/export.h"
 #include "zel/fs/local_file_system_platform.h"
+#include "zel/fs/native_file_source.h"
 #include "zel/path/uri.h"
 #include "zel/stream/stream.h"
 
 namespace zel {
 
-class ZEL_API CFileStream : public CBase, public IIOStream {
+class ZEL_API CFileStream : public CBase, public IIOStream, public INativeFileSource {
  public:
   // Takes ownership of handle. writable false refuses writes and setLength
   // with CIOError WriteFailed.
@@ -54,6 +58,9 @@ class ZEL_API CFileStream : public CBase, public IIOStream {
   int getPositionAlign() override { return 1; }
   int getBufferAlign() override { return 1; }
   int getBestPerformancePositionAlign() override { return 1; }
+
+  // INativeFileSource; checks that the stream is open.
+  int64 getNativeFileHandle() const override;
 
   // The shared owner of the OS handle (also held by the stream's locks).
   class CHandle;

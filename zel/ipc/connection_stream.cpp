@@ -144,6 +144,44 @@ void CConnectionOutStream::write(const void* buffer, int bytes, IWriteBarrier*) 
   m_position += bytes;
 }
 
+void CConnectionOutStream::writeGather(const void* first, int firstBytes, const void* second,
+                                       int secondBytes) {
+  checkOpen();
+  if (firstBytes < 0 || secondBytes < 0) {
+    throw CInvalidArgError("CConnectionOutStream::writeGather", "negative byte count");
+  }
+  checkCount(firstBytes, first, "CConnectionOutStream::writeGather");
+  checkCount(secondBytes, second, "CConnectionOutStream::writeGather");
+  if (firstBytes == 0 || secondBytes == 0) {
+    if (firstBytes > 0) send(first, firstBytes);
+    if (secondBytes > 0) send(second, secondBytes);
+  } else {
+    sendGather(first, firstBytes, second, secondBytes);
+  }
+  m_position += static_cast<int64>(firstBytes) + secondBytes;
+}
+
+int64 CConnectionOutStream::sendFromFile(int64 fileHandle, int64 offset, int64 count) {
+  checkOpen();
+  if (offset < 0 || count < 0) {
+    throw CInvalidArgError("CConnectionOutStream::sendFromFile", "negative offset or count");
+  }
+  if (count == 0) return 0;
+  const int64 sent = sendFile(fileHandle, offset, count);
+  m_position += sent;
+  return sent;
+}
+
+void CConnectionOutStream::sendGather(const void* first, int firstBytes, const void* second,
+                                      int secondBytes) {
+  send(first, firstBytes);
+  send(second, secondBytes);
+}
+
+int64 CConnectionOutStream::sendFile(int64, int64, int64) {
+  throw CBadStateError("CConnectionOutStream: this connection cannot send from a file");
+}
+
 void CConnectionOutStream::writeKeepBuffer(const TConstBufferSlice<unsigned char>& data,
                                            IWriteBarrier* barrier) {
   // Sending copies the bytes, so nothing of the buffer is kept.

@@ -13,6 +13,13 @@
 // small buffer, so a frame's length field and a short payload that arrived
 // together cost one system call; larger reads go straight into the caller's
 // buffer, so bulk data is never copied twice.
+//
+// Writing offers two optional paths for senders of large frames: a gather
+// write (a frame's header and its bulk tail from two buffers in one system
+// call where the transport has one; two sends otherwise), and, where
+// canSendFromFile() says so (Linux Unix sockets), sending a range of an open
+// local file straight from the page cache (sendfile), so that a file server
+// never copies the bytes through its own memory.
 #pragma once
 
 #include <atomic>
@@ -96,11 +103,28 @@ class ZEL_API CConnectionOutStream : public CBase, public IOutStream {
   void flush() override;
   void setLength(int64 length) override;
 
+  // Writes first then second (either count may be 0), as one system call
+  // where the transport can.
+  void writeGather(const void* first, int firstBytes, const void* second, int secondBytes);
+  // Whether sendFromFile() works on this transport.
+  virtual bool canSendFromFile() const { return false; }
+  // Sends up to count bytes of the local file fileHandle (a descriptor of
+  // the file-system layer) from offset, without moving the file's own
+  // position. Returns the bytes sent: fewer than count only when the file
+  // ended first. Refused (CBadStateError) where canSendFromFile() is false.
+  int64 sendFromFile(int64 fileHandle, int64 offset, int64 count);
+
  protected:
   CConnectionOutStream() = default;
 
   // Sends all bytes (bytes > 0) or throws.
   virtual void send(const void* buffer, int bytes) = 0;
+  // Sends both buffers (counts > 0) or throws; the default sends them in
+  // turn.
+  virtual void sendGather(const void* first, int firstBytes, const void* second,
+                          int secondBytes);
+  // See sendFromFile (count > 0).
+  virtual int64 sendFile(int64 fileHandle, int64 offset, int64 count);
   virtual void closeTransport() = 0;
 
   void checkOpen() const;

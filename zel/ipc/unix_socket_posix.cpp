@@ -1,14 +1,19 @@
 // Unix domain stream sockets: CUnixSocketConnection and CUnixSocketServer.
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>
+#include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <climits>
@@ -113,6 +118,44 @@ std::chrono::steady_clock::time_point deadlineAfter(int timeoutMs) {
 
 bool isPeerGone(int code) { return code == EPIPE || code == ECONNRESET || code == ENOTCONN; }
 
+// sendfile has no MSG_NOSIGNAL: SIGPIPE is blocked on this thread around it,
+// and one it raised is taken back before the mask is restored, so a peer that
+// went away is an EPIPE error here as with send.
+class CSigPipeBlock {
+ public:
+  CSigPipeBlock() {
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe, &m_previous);
+    m_wasBlocked = sigismember(&m_previous, SIGPIPE) == 1;
+  }
+  ~CSigPipeBlock() {
+    if (m_wasBlocked) return;
+    CPreserveLastSysError preserve;
+    pthread_sigmask(SIG_SETMASK, &m_previous, nullptr);
+  }
+  CSigPipeBlock(const CSigPipeBlock&) = delete;
+  CSigPipeBlock& operator=(const CSigPipeBlock&) = delete;
+
+  // After an EPIPE: takes the pending SIGPIPE, unless it was blocked before
+  // (then it belongs to whoever blocked it).
+  void discardRaised() {
+    if (m_wasBlocked) return;
+    CPreserveLastSysError preserve;
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    const timespec none = {0, 0};
+    while (sigtimedwait(&pipe, nullptr, &none) < 0 && errno == EINTR) {
+    }
+  }
+
+ private:
+  sigset_t m_previous;
+  bool m_wasBlocked = false;
+};
+
 }  // namespace
 
 // One connected socket, shared by a connection and its two streams; the
@@ -202,22 +245,78 @@ class CUnixSocketOutStream : public CConnectionOutStream {
       if (put < 0) {
         const int code = errno;
         if (code == EINTR) continue;
-        CError cause(getSysErrorMessage(code), CError::sysErrorDomain(), code,
-                     sysParams("send", "CUnixSocketConnection::write", m_path));
-        CProps params;
-        params.set("pipe", m_path);
-        throw CIOError(CIOError::WriteFailed,
-                       isPeerGone(code) ? String("The connection is closed") : String(), params,
-                       &cause);
+        throwWriteError(code, "send");
       }
       data += put;
       left -= static_cast<size_t>(put);
     }
   }
 
+  void sendGather(const void* first, int firstBytes, const void* second,
+                  int secondBytes) override {
+    iovec parts[2] = {{const_cast<void*>(first), static_cast<size_t>(firstBytes)},
+                      {const_cast<void*>(second), static_cast<size_t>(secondBytes)}};
+    iovec* next = parts;
+    int count = 2;
+    while (count > 0) {
+      msghdr message = {};
+      message.msg_iov = next;
+      message.msg_iovlen = static_cast<size_t>(count);
+      ssize_t put = ::sendmsg(m_socket->fd(), &message, MSG_NOSIGNAL);
+      if (put < 0) {
+        const int code = errno;
+        if (code == EINTR) continue;
+        throwWriteError(code, "sendmsg");
+      }
+      // Skip what went out; a part sent partly continues where it stopped.
+      while (count > 0 && static_cast<size_t>(put) >= next->iov_len) {
+        put -= static_cast<ssize_t>(next->iov_len);
+        ++next;
+        --count;
+      }
+      if (count > 0) {
+        next->iov_base = static_cast<char*>(next->iov_base) + put;
+        next->iov_len -= static_cast<size_t>(put);
+      }
+    }
+  }
+
+  bool canSendFromFile() const override { return true; }
+
+  int64 sendFile(int64 fileHandle, int64 offset, int64 count) override {
+    off_t position = static_cast<off_t>(offset);
+    int64 sent = 0;
+    CSigPipeBlock block;
+    while (sent < count) {
+      // sendfile moves at most about 2 GiB per call.
+      const int64 chunk = std::min<int64>(count - sent, int64{1} << 30);
+      const ssize_t put = ::sendfile(m_socket->fd(), static_cast<int>(fileHandle), &position,
+                                     static_cast<size_t>(chunk));
+      if (put < 0) {
+        const int code = errno;
+        if (code == EINTR) continue;
+        if (code == EPIPE) block.discardRaised();
+        throwWriteError(code, "sendfile");
+      }
+      if (put == 0) break;  // the file ended
+      sent += put;
+    }
+    return sent;
+  }
+
   void closeTransport() override { m_socket->shutdown(SHUT_WR); }
 
  private:
+  [[noreturn]] void throwWriteError(int code, const char* func) const {
+    CError cause(getSysErrorMessage(code), CError::sysErrorDomain(), code,
+                 sysParams(func, "CUnixSocketConnection::write", m_path));
+    CProps params;
+    params.set("pipe", m_path);
+    throw CIOError(CIOError::WriteFailed,
+                   isPeerGone(code) ? String("The connection is closed") : String(), params,
+                   &cause);
+  }
+
   P<CUnixSocket> m_socket;
   String m_path;
 };

@@ -2,8 +2,11 @@
 
 #include <climits>
 #include <string>
+#include <utility>
 
 #include "zel/core/error.h"
+#include "zel/fs/native_file_source.h"
+#include "zel/ipc/connection_stream.h"
 #include "zel/log/xml_log.h"
 #include "zel/stream/buffer_stream.h"
 #include "zel/stream/stored_error.h"
@@ -262,6 +265,9 @@ CProxyFileSystemServer::CProxyFileSystemServer(IConnection* connection)
   }
   m_in = connection->getInStream();
   m_out = connection->getOutStream();
+  m_connectionOut = dynamic_cast<CConnectionOutStream*>(m_out.get());
+  m_request = createObject<CProxyFileSystemMessage>();
+  m_response = createObject<CProxyFileSystemMessage>();
   initHandlerMap();
 }
 
@@ -318,17 +324,41 @@ bool CProxyFileSystemServer::handleMessageIfAvailable() {
   P<CProxyFileSystemMessage> request =
       CProxyFileSystemMessage::readIfAvailable(*m_in, m_maxFrameLength);
   if (!request) return false;
-  handleMessage(*request)->write(*m_out);
+  handleInto(*request, *m_response, true);
+  sendResponse();
   return true;
 }
 
 bool CProxyFileSystemServer::handleNextMessage() {
-  // Blocks until a byte comes or the other end has gone.
-  if (m_in->isEndOfStream()) return false;
-  const int length = CProxyFileSystemMessage::readFrameLength(*m_in, m_maxFrameLength);
-  P<CProxyFileSystemMessage> request = CProxyFileSystemMessage::readPayload(*m_in, length);
-  handleMessage(*request)->write(*m_out);
+  // Blocks in the read: a clean end before the first byte is the end.
+  if (!m_request->readNext(*m_in, m_maxFrameLength)) return false;
+  handleInto(*m_request, *m_response, true);
+  sendResponse();
   return true;
+}
+
+void CProxyFileSystemServer::sendResponse() {
+  FileTail tail;
+  std::swap(tail, m_fileTail);
+  if (tail.count <= 0) {
+    m_response->write(*m_out);
+    return;
+  }
+  m_response->write(*m_out, tail.count);
+  const int64 sent = m_connectionOut->sendFromFile(tail.handle, tail.offset, tail.count);
+  if (sent < tail.count) {
+    // The frame promised more than the file had left: the client would take
+    // the next frame for the rest of this one.
+    try {
+      m_connection->close();
+    } catch (...) {
+      // Closed already: nothing more to do.
+    }
+    throw CIOError(CIOError::WriteFailed,
+                   "CProxyFileSystemServer: the file shrank while it was being sent (" +
+                       String::fromInt64(sent) + " of " + String::fromInt64(tail.count) +
+                       " bytes); the connection is closed.");
+  }
 }
 
 void CProxyFileSystemServer::serve() {
@@ -377,9 +407,17 @@ void rewriteAsError(CProxyFileSystemMessage& response, std::exception& e,
 
 P<CProxyFileSystemMessage> CProxyFileSystemServer::handleMessage(CProxyFileSystemMessage& request) {
   P<CProxyFileSystemMessage> response = createObject<CProxyFileSystemMessage>();
+  handleInto(request, *response, false);
+  return response;
+}
+
+void CProxyFileSystemServer::handleInto(CProxyFileSystemMessage& request,
+                                        CProxyFileSystemMessage& response, bool serving) {
   m_responseBulk = TConstBufferSlice<unsigned char>();
+  m_fileTail = FileTail();
+  m_serving = serving;
   try {
-    P<CDataOutStream> out = response->clearAndOpenOutStream();
+    P<CDataOutStream> out = response.clearAndOpenOutStream();
     P<CDataInStream> in = request.openInStream();
     const int funcID = in->readInt32();
     const Handler* handler = m_handlers.lookup(funcID);
@@ -392,20 +430,21 @@ P<CProxyFileSystemMessage> CProxyFileSystemServer::handleMessage(CProxyFileSyste
       CLoginManager::CBinding binding(*m_loginManager, m_in.get(), m_out.get(), m_maxFrameLength);
       (*handler)(*this, *in, *out);
     }
-    if (!m_responseBulk.isEmpty()) response->setBulkData(m_responseBulk);
+    if (!m_responseBulk.isEmpty()) response.setBulkData(m_responseBulk);
     m_responseBulk = TConstBufferSlice<unsigned char>();
-    if (response->getPayloadLength() > m_maxFrameLength) {
-      throwTooLarge(response->getPayloadLength(), m_maxFrameLength);
-    }
+    const int64 length = response.getPayloadLength() + m_fileTail.count;
+    if (length > m_maxFrameLength) throwTooLarge(length, m_maxFrameLength);
   } catch (std::exception& e) {
     m_responseBulk = TConstBufferSlice<unsigned char>();
-    rewriteAsError(*response, e, &writeErrorResponse);
+    m_fileTail = FileTail();
+    rewriteAsError(response, e, &writeErrorResponse);
   } catch (...) {
     m_responseBulk = TConstBufferSlice<unsigned char>();
+    m_fileTail = FileTail();
     CError unknown("Unknown exception.");
-    rewriteAsError(*response, unknown, &writeErrorResponse);
+    rewriteAsError(response, unknown, &writeErrorResponse);
   }
-  return response;
+  m_serving = false;
 }
 
 namespace {
@@ -487,7 +526,7 @@ void CProxyFileSystemServer::validateAndSecurePath(String& path, bool backslashI
 CProxyFileSystemServer::TargetLoc CProxyFileSystemServer::readAndConvertAbsoluteURI(
     CDataInStream& in) {
   const String text = in.readString();
-  return convertAbsoluteURI(CURI(text).toNormalized());
+  return convertAbsoluteURI(CURI(text));
 }
 
 CProxyFileSystemServer::TargetLoc CProxyFileSystemServer::convertAbsoluteURI(const CURI& uri) {
@@ -984,7 +1023,8 @@ void CProxyFileSystemServer::handler_streamReadInternal(CProxyFileSystemServer& 
                                                         bool available) {
   const int64 id = in.readInt64();
   const int wanted = in.readInt32();
-  IIOStream& stream = *server.getStream(id).stream;
+  StreamRecord& record = server.getStream(id);
+  IIOStream& stream = *record.stream;
   if (wanted > kMaxDataChunk) {
     throw CInvalidArgError("CProxyFileSystemServer::handler_streamReadInternal",
                            "read of " + String::fromInt64(wanted) +
@@ -993,22 +1033,53 @@ void CProxyFileSystemServer::handler_streamReadInternal(CProxyFileSystemServer& 
   int64 capacity = wanted < 0 ? 0 : wanted;
   // Where the stream knows its length, no more is allocated than it holds.
   const int64 length = stream.getLength();
+  int64 position = -1;
   if (length >= 0 && capacity > 0) {
-    const int64 left = length - stream.getPosition();
+    position = stream.getPosition();
+    const int64 left = length - position;
     if (left < capacity) capacity = left < 0 ? 0 : left;
   }
-  P<TBuffer<unsigned char>> data =
-      createObject<TBuffer<unsigned char>>(static_cast<size_t>(capacity));
-  int got = 0;
-  if (capacity > 0) {
-    got = available ? stream.readAvailable(data->getData(), static_cast<int>(capacity))
-                    : stream.readLax(data->getData(), static_cast<int>(capacity));
+  if (capacity <= 0) {
+    out.writeInt32(0);
+    return;
   }
+
+  // A local file on a connection that sends from files: the data follows
+  // the frame from the page cache (see the file comment). The count is what
+  // the file holds now; the stream moves on as a read would have.
+  if (server.m_serving && position >= 0 && capacity >= kFileSendMinimum && server.m_connectionOut &&
+      server.m_connectionOut->canSendFromFile()) {
+    if (auto* file = dynamic_cast<INativeFileSource*>(&stream)) {
+      const int64 handle = file->getNativeFileHandle();
+      stream.seek(position + capacity);
+      out.writeInt32(static_cast<int>(capacity));
+      server.m_fileTail = FileTail{record.stream, handle, position, capacity};
+      return;
+    }
+  }
+
+  // Copied through a buffer: the connection's own while serving (its
+  // response is sent before the next request reuses it), a new one for
+  // handleMessage(), whose caller keeps the response.
+  P<TBuffer<unsigned char>> data;
+  if (server.m_serving) {
+    if (!server.m_readBuffer) server.m_readBuffer = createObject<TBuffer<unsigned char>>();
+    // Zeroed once as it grows; every later read overwrites what it returns.
+    if (server.m_readBuffer->getSize() < static_cast<size_t>(capacity)) {
+      server.m_readBuffer->resize(static_cast<size_t>(capacity));
+    }
+    data = server.m_readBuffer;
+  } else {
+    data = createObject<TBuffer<unsigned char>>(static_cast<size_t>(capacity));
+  }
+  int got = available ? stream.readAvailable(data->getData(), static_cast<int>(capacity))
+                      : stream.readLax(data->getData(), static_cast<int>(capacity));
   if (got < 0 || got > capacity) got = 0;
-  data->resize(static_cast<size_t>(got));
   out.writeInt32(got);
-  if (got > 0)
-    server.setResponseBulk(TConstBufferSlice<unsigned char>(PC<TBuffer<unsigned char>>(data)));
+  if (got > 0) {
+    server.setResponseBulk(
+        TConstBufferSlice<unsigned char>(PC<TBuffer<unsigned char>>(data), 0, static_cast<size_t>(got)));
+  }
 }
 
 void CProxyFileSystemServer::handler_streamWaitReadable(CProxyFileSystemServer& server,

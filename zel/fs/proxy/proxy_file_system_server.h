@@ -108,6 +108,20 @@
 // off or any other connection failure is logged (logError) and ends it too.
 // serve() then closes the connection and releases all handles.
 //
+// Serving costs: the serving functions block in the read of the next frame
+// itself and read every request into one message and build every response
+// in another, both kept per connection. Read results are read into one
+// page-aligned buffer kept per connection (handleMessage(), which hands its
+// response to the caller, gives each result a buffer of its own). Where the
+// stream read is a local file with a descriptor and the connection can send
+// from a file (a Unix socket), the response frame is sent first with the
+// count the file can deliver from its size and position, and the data
+// follows straight from the page cache (sendfile); should the file deliver
+// fewer bytes (it shrank meanwhile), the frame cannot be completed: the
+// connection is closed and the serving function throws CIOError
+// WriteFailed. Small reads (below kFileSendMinimum) take the copying path,
+// which sends them in one call.
+//
 // Threading: one thread serves a server object; requests on a connection are
 // strictly sequential. Background operations run on the file systems' own
 // workers and are only asked hasFinished() by backgroundOpsFinalize.
@@ -128,6 +142,8 @@
 #include "zel/stream/data_stream.h"
 
 namespace zel {
+
+class CConnectionOutStream;
 
 class ZEL_API CProxyFileSystemServer : public CBase, public CProxyFileSystemBase {
  public:
@@ -221,6 +237,9 @@ class ZEL_API CProxyFileSystemServer : public CBase, public CProxyFileSystemBase
 
   // The dispatch: the response to one request payload.
   P<CProxyFileSystemMessage> handleMessage(CProxyFileSystemMessage& request);
+
+  // Reads below this many bytes are never sent from a file (see above).
+  static constexpr int kFileSendMinimum = 64 * 1024;
 
   // Drops every open handle (all six tables).
   void releaseAllHandles();
@@ -376,7 +395,22 @@ class ZEL_API CProxyFileSystemServer : public CBase, public CProxyFileSystemBase
                                                  CDataOutStream&);
 
  private:
+  // A file range that follows the response frame's payload on the wire.
+  struct FileTail {
+    P<IIOStream> stream;  // keeps the descriptor open until it is sent
+    int64 handle = -1;
+    int64 offset = 0;
+    int64 count = 0;
+  };
+
   void initHandlerMap();
+  // The body of handleMessage: fills response. serving: the response is
+  // sent before the next request is read (per-connection buffers and file
+  // tails may be used).
+  void handleInto(CProxyFileSystemMessage& request, CProxyFileSystemMessage& response,
+                  bool serving);
+  // Writes m_response and its file tail, if any.
+  void sendResponse();
   void addShareInternal(const CURISelector& selector, IFileSystem* fileSystem, const CURI& root,
                         bool rebase);
   int64 nextHandle() { return m_nextHandle++; }
@@ -409,6 +443,14 @@ class ZEL_API CProxyFileSystemServer : public CBase, public CProxyFileSystemBase
 
   P<CLoginManager> m_loginManager;
   TConstBufferSlice<unsigned char> m_responseBulk;
+
+  // Per-connection state of the serving functions (see the file comment).
+  CConnectionOutStream* m_connectionOut = nullptr;  // m_out, when it is one
+  P<CProxyFileSystemMessage> m_request;
+  P<CProxyFileSystemMessage> m_response;
+  P<TBuffer<unsigned char>> m_readBuffer;
+  bool m_serving = false;
+  FileTail m_fileTail;
 };
 
 }  // namespace zel

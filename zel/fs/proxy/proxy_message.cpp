@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "zel/core/error.h"
+#include "zel/ipc/connection_stream.h"
 #include "zel/stream/buffer_stream.h"
 
 namespace zel {
@@ -63,8 +64,8 @@ void CProxyFileSystemMessage::setBulkData(const TConstBufferSlice<unsigned char>
   m_bulk = data;
 }
 
-void CProxyFileSystemMessage::write(IOutStream& out) {
-  const int64 length = getPayloadLength();
+void CProxyFileSystemMessage::write(IOutStream& out, int64 followingBytes) {
+  const int64 length = getPayloadLength() + (followingBytes > 0 ? followingBytes : 0);
   if (length > 0x7FFFFFFF) {
     throw CIOError(CIOError::InvalidData, "Proxy filesystem message too large to send: " +
                                               String::fromInt64(length) + " bytes");
@@ -75,8 +76,18 @@ void CProxyFileSystemMessage::write(IOutStream& out) {
   header[1] = static_cast<unsigned char>(value >> 8);
   header[2] = static_cast<unsigned char>(value >> 16);
   header[3] = static_cast<unsigned char>(value >> 24);
-  out.write(header, static_cast<int>(m_buffer->getSize()));
-  if (!m_bulk.isEmpty()) out.write(m_bulk.getData(), static_cast<int>(m_bulk.getLength()));
+  const int headerBytes = static_cast<int>(m_buffer->getSize());
+  if (m_bulk.isEmpty()) {
+    out.write(header, headerBytes);
+    return;
+  }
+  const int bulkBytes = static_cast<int>(m_bulk.getLength());
+  if (auto* connection = dynamic_cast<CConnectionOutStream*>(&out)) {
+    connection->writeGather(header, headerBytes, m_bulk.getData(), bulkBytes);
+  } else {
+    out.write(header, headerBytes);
+    out.write(m_bulk.getData(), bulkBytes);
+  }
 }
 
 P<CProxyFileSystemMessage> CProxyFileSystemMessage::read(IInStream& in, int maxFrameLength) {
@@ -108,6 +119,20 @@ P<CProxyFileSystemMessage> CProxyFileSystemMessage::readInternal(IInStream& in,
   const int length = decodeLength(lengthField);
   checkLength(length, maxFrameLength);
   return readPayload(in, length);
+}
+
+bool CProxyFileSystemMessage::readNext(IInStream& in, int maxFrameLength) {
+  unsigned char field[kHeader];
+  const int got = in.readLax(field, kHeader);
+  if (got == 0) return false;
+  if (got < kHeader) throw CIOError(CIOError::UnexpectedEnd);
+  const int length = decodeLength(field);
+  checkLength(length, maxFrameLength);
+  m_bulk = TConstBufferSlice<unsigned char>();
+  // Only the bytes beyond the old size are zeroed; all are overwritten.
+  m_buffer->resize(kHeader + static_cast<size_t>(length));
+  if (length > 0) in.read(m_buffer->getData() + kHeader, length);
+  return true;
 }
 
 P<CProxyFileSystemMessage> CProxyFileSystemMessage::readPayload(IInStream& in, int length) {

@@ -43,10 +43,13 @@ class ZEL_API CProxyFileSystemMessage : public CBase {
   // part of it while the message lives.
   void setBulkData(const TConstBufferSlice<unsigned char>& data);
 
-  // Writes the 4-byte length, then the payload and the tail. A payload above
-  // the largest frame (CProxyFileSystemBase::kDefaultMaxFrameLength is not a
-  // sender's limit; 2^31 - 1 bytes is) throws CIOError InvalidData.
-  void write(IOutStream& out);
+  // Writes the 4-byte length, then the payload and the tail (on a
+  // connection, as one gather write). A payload above the largest frame
+  // (CProxyFileSystemBase::kDefaultMaxFrameLength is not a sender's limit;
+  // 2^31 - 1 bytes is) throws CIOError InvalidData. followingBytes: bytes of
+  // the frame that the caller sends itself right after (a file range sent
+  // from the page cache); the length field counts them.
+  void write(IOutStream& out, int64 followingBytes = 0);
 
   // Reads one frame, blocking until all of it has come. A length below 0 or
   // above maxFrameLength throws CIOError InvalidData before anything is
@@ -65,6 +68,11 @@ class ZEL_API CProxyFileSystemMessage : public CBase {
                              int maxFrameLength = CProxyFileSystemBase::kDefaultMaxFrameLength);
   // Reads a payload of length bytes (already checked) into a new message.
   static P<CProxyFileSystemMessage> readPayload(IInStream& in, int length);
+  // Reads the next frame into this message, reusing its buffer (a server
+  // reads every request of a connection into one message). Blocks in the
+  // read itself; false when the stream ended cleanly before the frame's
+  // first byte. Otherwise as read().
+  bool readNext(IInStream& in, int maxFrameLength = CProxyFileSystemBase::kDefaultMaxFrameLength);
 
  protected:
   // Completes a frame of which prefixBytes (0 to 4) bytes of the length

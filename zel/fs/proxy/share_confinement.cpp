@@ -36,7 +36,7 @@ String joinComponents(const TArray<String>& components) {
 
 CShareConfinement::CShareConfinement(const String& rootPath) : m_rootPath(rootPath) {}
 
-CShareConfinement::~CShareConfinement() = default;
+CShareConfinement::~CShareConfinement() { confinement_platform::releaseRoot(m_rootHandle.load()); }
 
 void CShareConfinement::check(const TArray<String>& components, Target target) const {
   TArray<String> names;
@@ -62,7 +62,7 @@ void CShareConfinement::check(const TArray<String>& components, Target target) c
   if (target == ChangesEntry && names.isEmpty()) refuse();
 
   const confinement_platform::Resolution result =
-      confinement_platform::resolve(m_rootPath, names, target == FollowLinks);
+      confinement_platform::resolve(m_rootPath, m_rootHandle, names, target == FollowLinks);
   if (result == confinement_platform::Resolution::Escapes) refuse();
 }
 

@@ -34,9 +34,10 @@
 //
 // Platforms:
 //   Linux    openat2(2) relative to the root with RESOLVE_BENEATH and
-//            RESOLVE_NO_MAGICLINKS: the kernel refuses (EXDEV) absolute
-//            links and ".." that would climb above the root, and /proc magic
-//            links (ELOOP; a link loop is refused the same way). Kernels
+//            RESOLVE_NO_MAGICLINKS: the kernel stops (EXDEV) at absolute
+//            links and ".." that would climb above the root, and at /proc
+//            magic links (ELOOP, as for a link loop); such paths get the
+//            second look described under "Absolute links" below. Kernels
 //            without openat2 (before 5.6, or a sandbox that hides it) get the
 //            portable method: the real path (realpath) of the deepest
 //            existing ancestor must lie under the root's real path; a final
@@ -52,9 +53,23 @@
 //            followed. Wine has no real symbolic links, so there only plain
 //            paths are exercised.
 //
-// The root is opened for each check; no descriptor or handle is held between
-// calls, so a share costs nothing while idle and a root that is replaced is
-// seen as it is now.
+// Linux keeps the root's descriptor (O_PATH) from the first check that finds
+// the root until the confinement is destroyed, so a check costs one openat2.
+// A root that is missing at first is looked for again at every check. When a
+// check finds a component missing, the root path is compared with the kept
+// descriptor; if another folder has taken its place since, that folder is
+// checked (opened for that check alone) - it is what the operation will
+// reach. A root moved away with an entry of the same name still there is
+// not seen: that is the race below. Windows opens the root for each check.
+//
+// Absolute links: RESOLVE_BENEATH refuses every absolute link and every
+// ".." above the root, even one whose end lies inside the share again. Such
+// a refusal is checked once more the plain way: the path is opened (O_PATH)
+// relative to the root, following links as the operation will, and the real
+// path of what was opened (its /proc/self/fd entry) must lie beneath the
+// root's real path; a path that cannot be opened is judged by the portable
+// method. So absolute links between places of the share work, links leaving
+// it stay refused.
 //
 // Race: checking and operating are two steps. Another party writing in the
 // same folder (another connection, a local program) could replace a checked
@@ -65,10 +80,13 @@
 // Thread safety: check() may be called from several threads at once.
 #pragma once
 
+#include <atomic>
+
 #include "zel/core/base.h"
 #include "zel/core/containers.h"
 #include "zel/core/export.h"
 #include "zel/core/string.h"
+#include "zel/core/types.h"
 
 namespace zel {
 
@@ -100,6 +118,8 @@ class ZEL_API CShareConfinement : public CBase {
 
  private:
   String m_rootPath;
+  // The root's handle while kept (Linux), else -1.
+  mutable std::atomic<int64> m_rootHandle{-1};
 };
 
 }  // namespace zel

@@ -5,8 +5,11 @@
 // share_confinement_win.cpp) only resolve one path and say where it ended.
 #pragma once
 
+#include <atomic>
+
 #include "zel/core/containers.h"
 #include "zel/core/string.h"
+#include "zel/core/types.h"
 
 namespace zel::confinement_platform {
 
@@ -17,9 +20,15 @@ enum class Resolution {
 };
 
 // components: vetted, non-empty names. followFinal false takes the last
-// component as it stands (lstat-like). Failures of the check itself throw the
-// system error with "func" and "action".
-Resolution resolve(const String& rootPath, const TArray<String>& components, bool followFinal);
+// component as it stands (lstat-like). rootHandle: the root's handle kept
+// between calls (-1 while none is open); a backend may open it and store it
+// there, once. Failures of the check itself throw the system error with
+// "func" and "action".
+Resolution resolve(const String& rootPath, std::atomic<int64>& rootHandle,
+                   const TArray<String>& components, bool followFinal);
+
+// Closes a handle resolve() stored (nothing for -1).
+void releaseRoot(int64 rootHandle);
 
 // Linux only (see CShareConfinement::setPortableResolutionForTesting).
 void setPortableResolution(bool on);

@@ -1,4 +1,5 @@
-// Linux step of CShareConfinement: openat2 with RESOLVE_BENEATH, and the
+// Linux step of CShareConfinement: openat2 with RESOLVE_BENEATH relative to
+// the kept root descriptor, a second look at what it stops at, and the
 // real-path comparison for kernels without it.
 #include <fcntl.h>
 #include <linux/openat2.h>
@@ -9,6 +10,7 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 
@@ -149,40 +151,126 @@ Resolution resolvePortable(const std::string& root, const TArray<String>& compon
   }
 }
 
+// The real path of an open descriptor; false when /proc cannot tell.
+bool descriptorPath(int fd, std::string& real) {
+  char link[64];
+  std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+  char buffer[PATH_MAX + 1];
+  const ssize_t length = ::readlink(link, buffer, PATH_MAX);
+  if (length <= 0 || length >= PATH_MAX) return false;
+  real.assign(buffer, static_cast<size_t>(length));
+  return true;
+}
+
+// The second look at a path RESOLVE_BENEATH stopped at: opened the plain way
+// relative to the root, what was reached must lie beneath the root.
+Resolution resolveStopped(int rootFd, const std::string& root, const std::string& relative,
+                          const TArray<String>& components, bool followFinal) {
+  int rawFd;
+  do {
+    rawFd = ::openat(rootFd, relative.c_str(),
+                     O_PATH | O_CLOEXEC | (followFinal ? 0 : O_NOFOLLOW));
+  } while (rawFd < 0 && errno == EINTR);
+  if (rawFd < 0) {
+    const int code = errno;
+    if (code == ELOOP) return Resolution::Escapes;
+    // Something on the way is missing: where the path would lead is for the
+    // ancestors to tell.
+    if (isMissing(code)) return resolvePortable(root, components, followFinal);
+    fail("openat", code, relative);
+  }
+  CScopedFd fd(rawFd);
+  std::string real;
+  std::string rootReal;
+  if (!descriptorPath(fd.get(), real) || !descriptorPath(rootFd, rootReal)) {
+    return resolvePortable(root, components, followFinal);
+  }
+  return isBelow(real, rootReal) ? Resolution::Beneath : Resolution::Escapes;
+}
+
+int openRoot(const std::string& root) {
+  int fd;
+  do {
+    fd = ::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  } while (fd < 0 && errno == EINTR);
+  if (fd < 0) {
+    const int code = errno;
+    if (isMissing(code)) return -1;
+    fail("open", code, root);
+  }
+  return fd;
+}
+
+// Whether the root path still names the folder of rootFd.
+bool rootIsCurrent(int rootFd, const std::string& root) {
+  struct stat kept;
+  struct stat now;
+  if (::fstat(rootFd, &kept) != 0) return false;
+  if (::stat(root.c_str(), &now) != 0) return false;
+  return kept.st_dev == now.st_dev && kept.st_ino == now.st_ino;
+}
+
+Resolution resolveFrom(int rootFd, const std::string& root, const TArray<String>& components,
+                       bool followFinal, bool& unavailable) {
+  std::string relative;
+  for (const String& component : components) {
+    if (!relative.empty()) relative += '/';
+    relative += toNative(component);
+  }
+  if (relative.empty()) relative = ".";
+  switch (resolveWithOpenat2(rootFd, relative, followFinal)) {
+    case Openat2Answer::Beneath:
+      return Resolution::Beneath;
+    case Openat2Answer::Missing:
+      return Resolution::Missing;
+    case Openat2Answer::Escapes:
+      return resolveStopped(rootFd, root, relative, components, followFinal);
+    case Openat2Answer::Unavailable:
+      break;
+  }
+  unavailable = true;
+  return Resolution::Missing;
+}
+
 }  // namespace
 
-Resolution resolve(const String& rootPath, const TArray<String>& components, bool followFinal) {
+Resolution resolve(const String& rootPath, std::atomic<int64>& rootHandle,
+                   const TArray<String>& components, bool followFinal) {
   const std::string root = toNative(rootPath);
   if (!g_portable.load(std::memory_order_relaxed)) {
-    int rawFd;
-    do {
-      rawFd = ::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-    } while (rawFd < 0 && errno == EINTR);
-    if (rawFd < 0) {
-      const int code = errno;
-      if (isMissing(code)) return Resolution::Missing;
-      fail("open", code, root);
+    int64 kept = rootHandle.load(std::memory_order_acquire);
+    if (kept < 0) {
+      const int opened = openRoot(root);
+      if (opened < 0) return Resolution::Missing;
+      // Another thread may have stored one meanwhile: the first one stays.
+      if (rootHandle.compare_exchange_strong(kept, opened, std::memory_order_acq_rel)) {
+        kept = opened;
+      } else {
+        ::close(opened);
+      }
     }
-    CScopedFd rootFd(rawFd);
-    std::string relative;
-    for (const String& component : components) {
-      if (!relative.empty()) relative += '/';
-      relative += toNative(component);
+    bool unavailable = false;
+    Resolution result =
+        resolveFrom(static_cast<int>(kept), root, components, followFinal, unavailable);
+    if (!unavailable) {
+      if (result != Resolution::Missing || rootIsCurrent(static_cast<int>(kept), root)) {
+        return result;
+      }
+      // Another folder (or none) has taken the root's place: check what the
+      // operation will reach, with a descriptor of this check alone.
+      const int current = openRoot(root);
+      if (current < 0) return Resolution::Missing;
+      CScopedFd currentFd(current);
+      result = resolveFrom(current, root, components, followFinal, unavailable);
+      if (!unavailable) return result;
     }
-    if (relative.empty()) relative = ".";
-    switch (resolveWithOpenat2(rootFd.get(), relative, followFinal)) {
-      case Openat2Answer::Beneath:
-        return Resolution::Beneath;
-      case Openat2Answer::Missing:
-        return Resolution::Missing;
-      case Openat2Answer::Escapes:
-        return Resolution::Escapes;
-      case Openat2Answer::Unavailable:
-        g_portable.store(true, std::memory_order_relaxed);
-        break;
-    }
+    g_portable.store(true, std::memory_order_relaxed);
   }
   return resolvePortable(root, components, followFinal);
+}
+
+void releaseRoot(int64 rootHandle) {
+  if (rootHandle >= 0) ::close(static_cast<int>(rootHandle));
 }
 
 void setPortableResolution(bool on) { g_portable.store(on, std::memory_order_relaxed); }

@@ -151,10 +151,12 @@ class ShareConfinementLinkTest : public ShareConfinementTest,
     CShareConfinement::setPortableResolutionForTesting(false);
   }
 
-  String outsideName() const {
-    const std::string path = native(m_outside.getPath());
+  static String lastName(const String& folder) {
+    const std::string path = native(folder);
     return String::fromUTF8(path.substr(path.rfind('/') + 1).c_str());
   }
+  String outsideName() const { return lastName(m_outside.getPath()); }
+  String rootName() const { return lastName(m_root.getPath()); }
   void link(const String& target, const char* name) {
     const std::string path = native(m_root.getPath()) + "/" + name;
     ASSERT_EQ(::symlink(native(target).c_str(), path.c_str()), 0) << name;
@@ -198,13 +200,58 @@ TEST_P(ShareConfinementLinkTest, ARootReachedThroughALinkWorks) {
   EXPECT_TRUE(refused(*confinement, parts({"out"}), CShareConfinement::FollowLinks));
 }
 
-TEST_P(ShareConfinementLinkTest, NoDescriptorIsKept) {
+TEST_P(ShareConfinementLinkTest, AbsoluteLinksThatStayInsideWork) {
+  const Target follow = CShareConfinement::FollowLinks;
+  link(m_root.getPath() + "/a/f.txt", "abs-in.txt");
+  link(m_root.file("a"), "abs-a");
+  link(m_root.file("abs-in.txt"), "a/abs-chain.txt");  // absolute link to an absolute link
+  // Absolute, passing through the root's parent and back: still inside.
+  link(m_root.getPath() + "/../" + rootName() + "/a", "abs-around");
+  link(m_root.getPath() + "/../" + outsideName(), "abs-around-out");
+  link(m_root.file("not-yet.txt"), "abs-dangling-in");
+  EXPECT_FALSE(refused(*m_confinement, parts({"abs-in.txt"}), follow));
+  EXPECT_FALSE(refused(*m_confinement, parts({"abs-a", "f.txt"}), follow));
+  EXPECT_FALSE(refused(*m_confinement, parts({"abs-a", "new-file"}), follow));
+  EXPECT_FALSE(refused(*m_confinement, parts({"a", "abs-chain.txt"}), follow));
+  EXPECT_FALSE(refused(*m_confinement, parts({"abs-around", "f.txt"}), follow));
+  EXPECT_FALSE(refused(*m_confinement, parts({"abs-a", "up", "f.txt"}), follow));
+  // Followed through an absolute link, a link out is still refused.
+  EXPECT_TRUE(refused(*m_confinement, parts({"abs-a", "deep-out"}), follow));
+  EXPECT_TRUE(refused(*m_confinement, parts({"abs-a", "deep-out", "x"}), follow));
+  EXPECT_TRUE(refused(*m_confinement, parts({"abs-around-out"}), follow));
+  EXPECT_TRUE(refused(*m_confinement, parts({"abs-around-out", "dir", "x"}), follow));
+  // Where a dangling link leads cannot be told by real paths.
+  EXPECT_TRUE(refused(*m_confinement, parts({"abs-dangling-in"}), follow));
+  EXPECT_FALSE(refused(*m_confinement, parts({"abs-dangling-in"}),
+                       CShareConfinement::LinkItself));
+}
+
+TEST_P(ShareConfinementLinkTest, DescriptorsDoNotAccumulate) {
   const int before = countOpenDescriptors();
-  for (int i = 0; i < 50; ++i) {
-    refused(*m_confinement, parts({"a", "f.txt"}), CShareConfinement::FollowLinks);
-    refused(*m_confinement, parts({"out", "dir"}), CShareConfinement::LinkItself);
+  {
+    P<CShareConfinement> confinement = createObject<CShareConfinement>(m_root.getPath());
+    for (int i = 0; i < 50; ++i) {
+      refused(*confinement, parts({"a", "f.txt"}), CShareConfinement::FollowLinks);
+      refused(*confinement, parts({"out", "dir"}), CShareConfinement::LinkItself);
+      refused(*confinement, parts({"missing"}), CShareConfinement::FollowLinks);
+    }
+    // At most the root's own descriptor is kept.
+    EXPECT_LE(countOpenDescriptors(), before + 1);
   }
   EXPECT_EQ(countOpenDescriptors(), before);
+}
+
+TEST_P(ShareConfinementLinkTest, AReplacedRootIsCheckedAsItIsNow) {
+  ASSERT_EQ(::mkdir(native(m_root.file("share")).c_str(), 0700), 0);
+  P<CShareConfinement> confinement = createObject<CShareConfinement>(m_root.file("share"));
+  EXPECT_FALSE(refused(*confinement, parts({"x"}), CShareConfinement::FollowLinks));
+  // Another folder takes the root's place, with a link leading out.
+  ASSERT_EQ(::rename(native(m_root.file("share")).c_str(), native(m_root.file("old")).c_str()),
+            0);
+  ASSERT_EQ(::mkdir(native(m_root.file("share")).c_str(), 0700), 0);
+  link(m_outside.getPath(), "share/x");
+  EXPECT_TRUE(refused(*confinement, parts({"x"}), CShareConfinement::FollowLinks));
+  EXPECT_TRUE(refused(*confinement, parts({"x", "dir"}), CShareConfinement::LinkItself));
 }
 
 INSTANTIATE_TEST_SUITE_P(Methods, ShareConfinementLinkTest, ::testing::Values(false, true),

@@ -125,7 +125,8 @@ std::wstring joinPath(const std::wstring& root, const TArray<String>& components
 
 }  // namespace
 
-Resolution resolve(const String& rootPath, const TArray<String>& components, bool followFinal) {
+Resolution resolve(const String& rootPath, std::atomic<int64>&, const TArray<String>& components,
+                   bool followFinal) {
   const std::wstring root = rootPath.toStdWString();
   HANDLE raw;
   if (!openEntry(toWin32(root), true, raw)) return Resolution::Missing;
@@ -160,6 +161,8 @@ Resolution resolve(const String& rootPath, const TArray<String>& components, boo
     follow = true;
   }
 }
+
+void releaseRoot(int64) {}
 
 void setPortableResolution(bool) {}
 
