@@ -1,16 +1,31 @@
 // Test helpers for the proxy file-system tests (not part of the library):
-// raw request frames, response parsing and an in-memory file system that
-// counts what reaches it.
+// raw request frames, response parsing, an in-memory file system that
+// counts what reaches it, and the two places a test server runs in
+// (CServerLink): this process, or a child process over a real Unix socket /
+// named pipe.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <atomic>
+#include <chrono>
 #include <functional>
+#include <list>
+#include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "child_process.h"
+#include "temp_folder.h"
 #include "zel/core/error.h"
 #include "zel/fs/file_system.h"
+#include "zel/fs/local_file_system.h"
+#include "zel/fs/proxy/proxy_file_system_server.h"
 #include "zel/fs/proxy/proxy_message.h"
+#include "zel/ipc/in_process_connection.h"
+#include "zel/ipc/pipe.h"
+#include "zel/path/path.h"
 #include "zel/stream/buffer_stream.h"
 #include "zel/stream/stored_error.h"
 #include "zel/thread/mutex.h"
@@ -364,5 +379,170 @@ inline P<IFolderContentsIterator> CMemFileSystem::getFolderContents(const CURI& 
   }
   return createObject<CMemFolderIterator>(children);
 }
+
+// ---------------------------------------------------------------------------
+// Where the server runs
+
+enum class Transport { InProcess, ChildProcess };
+
+inline std::string transportName(const ::testing::TestParamInfo<Transport>& info) {
+  return info.param == Transport::InProcess ? "InProcess" : "ChildProcess";
+}
+
+// What serves the calling thread's connection (set by serveConnection).
+struct CServedConnection {
+  CProxyFileSystemServer* server = nullptr;
+  CMemFileSystem* watched = nullptr;
+};
+inline thread_local const CServedConnection* t_servedConnection = nullptr;
+
+// Shared by every test server as "test://probe/": answers questions about
+// the server side through the protocol, so that a test sees them the same
+// way whichever process serves. getFileSectorSize: the open handles of the
+// server of the asking connection; getFreeSpaceInFolder: the calls that
+// reached its watched file system (-1 when there is none).
+class CProbeFileSystem : public CMemFileSystem {
+ public:
+  int64 getFileSectorSize(const CURI&) override {
+    return t_servedConnection ? t_servedConnection->server->getOpenHandleCount() : -1;
+  }
+  int64 getFreeSpaceInFolder(const CURI&) override {
+    const CServedConnection* served = t_servedConnection;
+    return served && served->watched ? served->watched->getCallCount() : -1;
+  }
+};
+
+inline CURI probeHandlesURI() { return CURI("test://probe/handles"); }
+inline CURI probeCallsURI() { return CURI("test://probe/calls"); }
+
+// Sets up the shares of a fresh server; returns the file system whose calls
+// the probe reports (may be null).
+using ConnectionSetup = std::function<P<CMemFileSystem>(CProxyFileSystemServer& server)>;
+
+// Serves server's connection on the calling thread until it ends. Frames
+// are taken by handleMessageIfAvailable() whenever one has begun (a client
+// sending several requests at once gets them handled that way) and by
+// handleNextMessage() otherwise; serve() then does the closing and the
+// release of handles.
+inline void serveConnection(CProxyFileSystemServer& server, CMemFileSystem* watched) {
+  const CServedConnection served{&server, watched};
+  t_servedConnection = &served;
+  try {
+    for (;;) {
+      if (!server.handleMessageIfAvailable() && !server.handleNextMessage()) break;
+    }
+  } catch (const CError&) {
+    // A broken connection: serve() below logs it as it ends.
+  }
+  server.serve();
+  t_servedConnection = nullptr;
+}
+
+inline CIPCAddress childServerAddress(const std::string& name) {
+  return CIPCAddress("zeltest", String::fromUTF8(name.c_str()), false);
+}
+
+// The body of a child server: serves at the address named args[0] until
+// killed, each connection on a thread of its own with a fresh server.
+inline int runChildServer(const std::string& addressName, const ConnectionSetup& setup) {
+  P<CProbeFileSystem> probe = createObject<CProbeFileSystem>();
+  P<CPipeServer> pipe = createObject<CPipeServer>(childServerAddress(addressName));
+  pipe->beginAcceptConnection();
+  for (;;) {
+    P<IConnection> connection = pipe->tryAcceptConnection(1000);
+    if (!connection) continue;
+    pipe->beginAcceptConnection();
+    // Never joined: the parent kills this process when its tests are done.
+    std::thread([connection, setup, probe] {
+      P<CProxyFileSystemServer> server = createObject<CProxyFileSystemServer>(connection.get());
+      P<CMemFileSystem> watched = setup(*server);
+      server->addShare(CURISelector(CURI("test://probe")), probe.get());
+      serveConnection(*server, watched.get());
+    }).detach();
+  }
+}
+
+// A child server kept for a whole test suite (a child costs about a second
+// to start under Wine). It gets its address name and a folder of its own as
+// its first two arguments; tests take fresh subfolders of that folder.
+class CChildServer {
+ public:
+  CChildServer(const std::string& childName, const std::vector<std::string>& extraArgs = {}) {
+    m_address = childName + "-" +
+                std::to_string(std::chrono::steady_clock::now().time_since_epoch().count() %
+                               1000000007);
+    std::vector<std::string> args = {m_address, m_folder.getPath().toStdUTF8()};
+    args.insert(args.end(), extraArgs.begin(), extraArgs.end());
+    m_process = test::startTestChild(childName, args);
+  }
+  const String& getFolder() const { return m_folder.getPath(); }
+  P<IConnection> connect() { return connectToPipeServer(childServerAddress(m_address), 20000, 20000); }
+  // A new, empty folder inside getFolder().
+  String newTestFolder() {
+    const String path = m_folder.file("t" + String::fromInt64(++m_tests));
+    createObject<CFileSystem>()->createFolder(CURI::fromNativePath(CNativePath(path)), 0);
+    return path;
+  }
+
+ private:
+  test::CTempFolder m_folder;
+  std::string m_address;
+  std::unique_ptr<test::CChildProcess> m_process;
+  int m_tests = 0;
+};
+
+// Connections to test servers. In this process every connect() pairs a
+// fresh server, set up by setup, with a thread serving it; with a child
+// server, the child does the same on its side.
+class CServerLink {
+ public:
+  explicit CServerLink(ConnectionSetup setup)
+      : m_setup(std::move(setup)), m_probe(createObject<CProbeFileSystem>()) {}
+  explicit CServerLink(CChildServer& child) : m_child(&child) {}
+  ~CServerLink() {
+    for (auto& served : m_served) {
+      served.clientEnd->close();
+      served.thread.join();
+    }
+  }
+  CServerLink(const CServerLink&) = delete;
+  CServerLink& operator=(const CServerLink&) = delete;
+
+  bool inProcess() const { return m_child == nullptr; }
+
+  P<IConnection> connect() {
+    if (m_child) return m_child->connect();
+    auto [client, serverEnd] = CInProcessConnection::createPair();
+    P<CProxyFileSystemServer> server = createObject<CProxyFileSystemServer>(serverEnd.get());
+    P<CMemFileSystem> watched = m_setup(*server);
+    server->addShare(CURISelector(CURI("test://probe")), m_probe.get());
+    CServed& served = m_served.emplace_back();
+    served.clientEnd = client;
+    served.serverEnd = serverEnd;
+    served.server = server;
+    served.thread = std::thread([this, server, watched] {
+      serveConnection(*server, watched.get());
+      ++m_ended;
+    });
+    return client;
+  }
+
+  // In process only: the server end of the last connection, and how many
+  // servers have finished serving.
+  const P<IConnection>& getLastServerEnd() const { return m_served.back().serverEnd; }
+  int getEndedCount() const { return m_ended.load(); }
+
+ private:
+  struct CServed {
+    P<IConnection> clientEnd, serverEnd;
+    P<CProxyFileSystemServer> server;
+    std::thread thread;
+  };
+  CChildServer* m_child = nullptr;
+  ConnectionSetup m_setup;
+  P<CProbeFileSystem> m_probe;
+  std::list<CServed> m_served;
+  std::atomic<int> m_ended{0};
+};
 
 }  // namespace zel::proxy_test

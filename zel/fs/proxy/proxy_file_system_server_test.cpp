@@ -33,6 +33,7 @@ using proxy_test::CRequest;
 using proxy_test::CResponse;
 using proxy_test::parseResponse;
 using proxy_test::problemOf;
+using proxy_test::Transport;
 using Server = CProxyFileSystemServer;
 
 constexpr int kRead = IIOStream::AccessRead;
@@ -70,8 +71,11 @@ class CRawClient {
     m_connection->getOutStream()->write(bytes.data(), static_cast<int>(bytes.size()));
   }
   void send(CRequest& request) { request.message().write(*m_connection->getOutStream()); }
+  P<CProxyFileSystemMessage> receiveMessage() {
+    return CProxyFileSystemMessage::read(*m_connection->getInStream());
+  }
   CResponse receive() {
-    m_last = CProxyFileSystemMessage::read(*m_connection->getInStream());
+    m_last = receiveMessage();
     return parseResponse(*m_last);
   }
   void close() { m_connection->close(); }
@@ -81,7 +85,21 @@ class CRawClient {
   P<CProxyFileSystemMessage> m_last;
 };
 
-// A server sharing a temporary folder of the local file system.
+// args: address name, shared folder.
+ZEL_TEST_CHILD(proxy_raw_server) {
+  const CURI root = CURI::fromNativePath(CNativePath(String::fromUTF8(args.at(1).c_str())));
+  return proxy_test::runChildServer(args.at(0), [root](CProxyFileSystemServer& server) {
+    P<CFileSystem> local = createObject<CFileSystem>();
+    server.addShare(CURISelector(root), local.get());
+    return P<CMemFileSystem>();
+  });
+}
+
+// A server sharing a temporary folder of the local file system. Requests
+// are handed to it directly, or, once link() was called, sent over a
+// connection to a server in this process or in a child process; with a
+// child (one per test suite), the test works in a fresh subfolder of the
+// child's shared folder.
 class ServerTest : public ::testing::Test {
  protected:
   ServerTest() {
@@ -89,13 +107,42 @@ class ServerTest : public ::testing::Test {
     m_serverEnd = ends.first;
     m_clientEnd = ends.second;
     m_fs = createObject<CFileSystem>();
-    m_root = CURI::fromNativePath(CNativePath(m_temp.getPath()));
+    m_folder = m_temp.getPath();
+    m_root = m_shareRoot = CURI::fromNativePath(CNativePath(m_folder));
     m_server = createObject<CTestServer>(m_serverEnd.get());
     m_server->addShare(CURISelector(m_root), m_fs.get());
   }
   ~ServerTest() override {
+    if (m_client) m_client->close();
+    m_client.reset();
+    m_link.reset();
     m_server = nullptr;
     m_fs->dispose();
+  }
+
+  void link(Transport transport, std::unique_ptr<proxy_test::CChildServer>& child) {
+    if (transport == Transport::ChildProcess) {
+      if (!child) child = std::make_unique<proxy_test::CChildServer>("proxy_raw_server");
+      m_folder = child->newTestFolder();
+      m_root = CURI::fromNativePath(CNativePath(m_folder));
+      m_shareRoot = CURI::fromNativePath(CNativePath(child->getFolder()));
+      m_link = std::make_unique<proxy_test::CServerLink>(*child);
+    } else {
+      m_link = std::make_unique<proxy_test::CServerLink>([this](CProxyFileSystemServer& server) {
+        server.addShare(CURISelector(m_root), m_fs.get());
+        return P<CMemFileSystem>();
+      });
+    }
+    m_client = std::make_unique<CRawClient>(m_link->connect().get());
+  }
+  // The handles the serving server holds.
+  int64 openHandles() {
+    if (!m_client) return m_server->getOpenHandleCount();
+    CRequest request(Server::FuncGetFileSectorSize);
+    return ok(request.uri(proxy_test::probeHandlesURI())).in->readInt64();
+  }
+  String folderFile(const std::string& name) const {
+    return m_folder + "/" + String::fromUTF8(name.c_str());
   }
 
   CURI uri(const std::string& relative) const {
@@ -107,6 +154,10 @@ class ServerTest : public ::testing::Test {
   }
 
   CResponse call(CRequest& request) {
+    if (m_client) {
+      m_client->send(request);
+      return m_client->receive();
+    }
     m_lastResponse = m_server->handleMessage(request.message());
     return parseResponse(*m_lastResponse);
   }
@@ -150,15 +201,29 @@ class ServerTest : public ::testing::Test {
   P<IConnection> m_serverEnd;
   P<IConnection> m_clientEnd;
   P<CFileSystem> m_fs;
-  CURI m_root;
+  String m_folder;   // this test's folder
+  CURI m_root;       // the same
+  CURI m_shareRoot;  // the shared folder
   P<CTestServer> m_server;
   P<CProxyFileSystemMessage> m_lastResponse;
+  std::unique_ptr<proxy_test::CServerLink> m_link;
+  std::unique_ptr<CRawClient> m_client;
 };
+
+// Every test twice: the server in this process and in a child process.
+class ServerLinkTest : public ServerTest, public ::testing::WithParamInterface<Transport> {
+ protected:
+  ServerLinkTest() { link(GetParam(), s_child); }
+  static void TearDownTestSuite() { s_child.reset(); }
+  static inline std::unique_ptr<proxy_test::CChildServer> s_child;
+};
+INSTANTIATE_TEST_SUITE_P(, ServerLinkTest, ::testing::Values(Transport::InProcess, Transport::ChildProcess),
+                         proxy_test::transportName);
 
 // ---------------------------------------------------------------------------
 // Every handler against the local file system
 
-TEST_F(ServerTest, FoldersExistenceAndDeletion) {
+TEST_P(ServerLinkTest, FoldersExistenceAndDeletion) {
   CRequest create(Server::FuncCreateFolder);
   ok(create.uri(uri("d")).i32(0));
   CRequest createAgain(Server::FuncCreateFolder);
@@ -197,7 +262,7 @@ TEST_F(ServerTest, FoldersExistenceAndDeletion) {
             CFileSystemError::ProblemWrongType);
 }
 
-TEST_F(ServerTest, VolumeNamesSpaceAndAccount) {
+TEST_P(ServerLinkTest, VolumeNamesSpaceAndAccount) {
   CRequest create(Server::FuncCreateFolder);
   ok(create.uri(uri("d")).i32(0));
   writeFile("d/x.txt", "x");
@@ -221,7 +286,7 @@ TEST_F(ServerTest, VolumeNamesSpaceAndAccount) {
             uri("d").append("x.txt (2)"));
 }
 
-TEST_F(ServerTest, MoveAndCopy) {
+TEST_P(ServerLinkTest, MoveAndCopy) {
   writeFile("a.txt", "abc");
   CRequest copy(Server::FuncCopyFile);
   ok(copy.uri(uri("a.txt")).uri(uri("b.txt")).b(false));
@@ -236,7 +301,7 @@ TEST_F(ServerTest, MoveAndCopy) {
   EXPECT_EQ(readFile("c.txt"), "abc");
 }
 
-TEST_F(ServerTest, StreamHandlers) {
+TEST_P(ServerLinkTest, StreamHandlers) {
   const int64 stream = openStream("s.bin", kReadWrite);
   CRequest write(Server::FuncStreamWrite);
   ok(write.i64(stream).i64(0).i32(11).raw("hello world"));
@@ -297,7 +362,7 @@ TEST_F(ServerTest, StreamHandlers) {
   CRequest lock(Server::FuncStreamLockRange);
   const int64 lockHandle =
       ok(lock.i64(stream).i64(0).i64(3).i32(IStreamBase::Exclusive)).in->readInt64();
-  EXPECT_EQ(m_server->getOpenHandleCount(), 2);
+  EXPECT_EQ(openHandles(), 2);
   CRequest unlock(Server::FuncLockRelease);
   ok(unlock.i64(lockHandle));
   CRequest badLock(Server::FuncStreamLockRange);
@@ -313,10 +378,10 @@ TEST_F(ServerTest, StreamHandlers) {
   P<CError> error = fails(closeAgain.i64(stream));
   EXPECT_EQ(error->getMessage(), "Invalid proxy stream ID: " + String::fromInt64(stream));
   EXPECT_EQ(error->getErrorCode(), -1);
-  EXPECT_EQ(m_server->getOpenHandleCount(), 0);
+  EXPECT_EQ(openHandles(), 0);
 }
 
-TEST_F(ServerTest, StreamArgumentsAreChecked) {
+TEST_P(ServerLinkTest, StreamArgumentsAreChecked) {
   writeFile("a.txt", "abc");
   // Open modes: unknown bits refused here, bad combinations by the file system.
   CRequest unknownFlag(Server::FuncStreamOpen);
@@ -362,7 +427,7 @@ TEST_F(ServerTest, StreamArgumentsAreChecked) {
   ok(noInfoClose.i64(993));
 }
 
-TEST_F(ServerTest, SubDataStreamOpensOrIsUnsupported) {
+TEST_P(ServerLinkTest, SubDataStreamOpensOrIsUnsupported) {
   writeFile("a.txt", "abc");
   CRequest open(Server::FuncSubDataStreamOpen);
   CResponse response = call(open.uri(uri("a.txt")).str("meta").i32(kReadWrite).i32(0));
@@ -382,7 +447,7 @@ TEST_F(ServerTest, SubDataStreamOpensOrIsUnsupported) {
   EXPECT_EQ(readFile("a.txt"), "abc");
 }
 
-TEST_F(ServerTest, FileInfoHandlesAndItems) {
+TEST_P(ServerLinkTest, FileInfoHandlesAndItems) {
   writeFile("a.txt", "abcd");
   CRequest open(Server::FuncFileInfoOpen);
   CResponse response = ok(open.uri(uri("a.txt")).b(true));
@@ -415,7 +480,7 @@ TEST_F(ServerTest, FileInfoHandlesAndItems) {
             "Invalid proxy file info ID: " + String::fromInt64(info));
 }
 
-TEST_F(ServerTest, HandlesOfDifferentKindsAreConsecutive) {
+TEST_P(ServerLinkTest, HandlesOfDifferentKindsAreConsecutive) {
   writeFile("a.txt", "abc");
   const int64 stream = openStream("a.txt", kRead);
   CRequest info(Server::FuncFileInfoOpen);
@@ -431,7 +496,7 @@ TEST_F(ServerTest, HandlesOfDifferentKindsAreConsecutive) {
   EXPECT_EQ(openStream("a.txt", kRead), stream + 3);
 }
 
-TEST_F(ServerTest, FolderContentsListsEveryEntry) {
+TEST_P(ServerLinkTest, FolderContentsListsEveryEntry) {
   writeFile("a.txt", "abc");
   CRequest create(Server::FuncCreateFolder);
   ok(create.uri(uri("d")).i32(0));
@@ -452,7 +517,7 @@ TEST_F(ServerTest, FolderContentsListsEveryEntry) {
                                                  {"d", IFileInfoBase::TypeFolder}}));
 }
 
-TEST_F(ServerTest, NativeMetaData) {
+TEST_P(ServerLinkTest, NativeMetaData) {
   writeFile("a.txt", "abc");
   CRequest request(Server::FuncGetNativeMetaData);
   CResponse response = call(request.uri(uri("a.txt")).b(true).str(""));
@@ -480,7 +545,7 @@ TEST_F(ServerTest, NativeMetaData) {
   fails(unknownPart.uri(uri("a.txt")).b(true).str("no such part"));
 }
 
-TEST_F(ServerTest, MetaModifierHandlers) {
+TEST_P(ServerLinkTest, MetaModifierHandlers) {
   writeFile("a.txt", "abc");
   CRequest open(Server::FuncMetaModifierOpen);
   const int64 modifier = ok(open.uri(uri("a.txt")).b(true)).in->readInt64();
@@ -517,7 +582,7 @@ TEST_F(ServerTest, MetaModifierHandlers) {
             "Invalid meta modifier ID: " + String::fromInt64(modifier));
 }
 
-TEST_F(ServerTest, HardLinkHandlers) {
+TEST_P(ServerLinkTest, HardLinkHandlers) {
   writeFile("a.txt", "abc");
   CRequest folder(Server::FuncCreateFolder);
   ok(folder.uri(uri("d")).i32(0));
@@ -543,7 +608,7 @@ TEST_F(ServerTest, HardLinkHandlers) {
 #endif
 }
 
-TEST_F(ServerTest, SymLinkHandlers) {
+TEST_P(ServerLinkTest, SymLinkHandlers) {
 #ifdef _WIN32
   GTEST_SKIP() << "Wine has no symbolic links";
 #else
@@ -572,7 +637,7 @@ TEST_F(ServerTest, SymLinkHandlers) {
 
 // Asks backgroundOpsFinalize for handles until all were reported; each must
 // be reported exactly once. Returns handle -> error (null: succeeded).
-std::map<int64, P<CError>> finalizeAll(CProxyFileSystemServer& server,
+std::map<int64, P<CError>> finalizeAll(const std::function<CResponse(CRequest&)>& call,
                                        const std::vector<int64>& handles) {
   std::map<int64, P<CError>> reported;
   std::vector<int64> outstanding = handles;
@@ -581,8 +646,7 @@ std::map<int64, P<CError>> finalizeAll(CProxyFileSystemServer& server,
     CRequest request(Server::FuncBackgroundOpsFinalize);
     for (int64 handle : outstanding) request.i64(handle);
     request.i64(-1);
-    P<CProxyFileSystemMessage> message = server.handleMessage(request.message());
-    CResponse response = parseResponse(*message);
+    CResponse response = call(request);
     if (!response.isOK()) {
       ADD_FAILURE() << response.describe();
       break;
@@ -602,7 +666,7 @@ std::map<int64, P<CError>> finalizeAll(CProxyFileSystemServer& server,
   return reported;
 }
 
-TEST_F(ServerTest, BackgroundOperationsRunAndAreReportedOnce) {
+TEST_P(ServerLinkTest, BackgroundOperationsRunAndAreReportedOnce) {
   CRequest store(Server::FuncBackgroundStoreBegin);
   const int64 stored = ok(store.uri(uri("bg.txt")).i64(5).b(false).raw("hello")).in->readInt64();
   CRequest folder(Server::FuncBackgroundCreateFolderBegin);
@@ -612,9 +676,9 @@ TEST_F(ServerTest, BackgroundOperationsRunAndAreReportedOnce) {
       ok(move.uri(uri("bg.txt")).uri(uri("bgd/moved.txt")).b(false)).in->readInt64();
   CRequest remove(Server::FuncBackgroundDeleteFileBegin);
   const int64 deleted = ok(remove.uri(uri("missing.txt"))).in->readInt64();
-  EXPECT_EQ(m_server->getOpenHandleCount(), 4);
+  EXPECT_EQ(openHandles(), 4);
 
-  auto reported = finalizeAll(*m_server, {stored, created, moved, deleted});
+  auto reported = finalizeAll([this](CRequest& r) { return call(r); }, {stored, created, moved, deleted});
   ASSERT_EQ(reported.size(), 4u);
   EXPECT_FALSE(reported[stored]);
   EXPECT_FALSE(reported[created]);
@@ -623,7 +687,7 @@ TEST_F(ServerTest, BackgroundOperationsRunAndAreReportedOnce) {
   EXPECT_EQ(problemOf(*reported[deleted]), CFileSystemError::ProblemNotFound);
   EXPECT_EQ(readFile("bgd/moved.txt"), "hello");
   // Reported operations are forgotten.
-  EXPECT_EQ(m_server->getOpenHandleCount(), 0);
+  EXPECT_EQ(openHandles(), 0);
   CRequest again(Server::FuncBackgroundOpsFinalize);
   EXPECT_EQ(fails(again.i64(stored).i64(-1))->getMessage(),
             "Invalid background op ID: " + String::fromInt64(stored));
@@ -633,13 +697,13 @@ TEST_F(ServerTest, BackgroundOperationsRunAndAreReportedOnce) {
   fails(shortStore.uri(uri("short.txt")).i64(100).b(false).raw("abc"));
   CRequest hugeStore(Server::FuncBackgroundStoreBegin);
   fails(hugeStore.uri(uri("short.txt")).i64(int64{1} << 40).b(false));
-  EXPECT_EQ(m_server->getOpenHandleCount(), 0);
+  EXPECT_EQ(openHandles(), 0);
 }
 
 // ---------------------------------------------------------------------------
 // Dispatch, frames and the connection
 
-TEST_F(ServerTest, UnknownFunctionsLeaveTheConnectionUsable) {
+TEST_P(ServerLinkTest, UnknownFunctionsLeaveTheConnectionUsable) {
   for (int func : {42, 43, 99, 64, -1}) {
     CRequest unknown(func);
     P<CError> error = fails(unknown);
@@ -650,22 +714,41 @@ TEST_F(ServerTest, UnknownFunctionsLeaveTheConnectionUsable) {
   }
 }
 
-TEST_F(ServerTest, EmptyFrameIsAnErrorResponse) {
-  CRawClient client(m_clientEnd.get());
-  client.send(Bytes{0, 0, 0, 0});
-  ASSERT_TRUE(m_server->handleNextMessage());
-  CResponse response = client.receive();
+TEST_P(ServerLinkTest, EmptyFrameIsAnErrorResponse) {
+  m_client->send(Bytes{0, 0, 0, 0});
+  CResponse response = m_client->receive();
   ASSERT_EQ(response.type, 0);
   EXPECT_TRUE(response.error->isError("IO", CIOError::UnexpectedEnd)) << response.describe();
   // The connection goes on.
   CRequest next(Server::FuncFolderExists);
-  client.send(next.uri(m_root));
-  ASSERT_TRUE(m_server->handleNextMessage());
-  CResponse answer = client.receive();
-  ASSERT_TRUE(answer.isOK());
-  EXPECT_TRUE(answer.in->readBool());
+  EXPECT_TRUE(ok(next.uri(m_root)).in->readBool());
 }
 
+// The test servers take a frame that has begun with handleMessageIfAvailable
+// (proxy_server_test_util.h): a request sent together with the first 1 to 3
+// bytes of the next one is answered, then the next once its rest arrives.
+TEST_P(ServerLinkTest, FramesArrivingInPiecesAreAnswered) {
+  CRequest first(Server::FuncFolderExists);
+  const Bytes whole = first.uri(m_root).frame();
+  for (size_t prefix = 1; prefix <= 3; ++prefix) {
+    CRequest second(Server::FuncFileExists);
+    const Bytes frame = second.uri(m_root).frame();
+    Bytes start = whole;
+    start.insert(start.end(), frame.begin(), frame.begin() + static_cast<ptrdiff_t>(prefix));
+    m_client->send(start);
+    CResponse answer = m_client->receive();
+    ASSERT_TRUE(answer.isOK()) << answer.describe();
+    EXPECT_TRUE(answer.in->readBool());
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    m_client->send(Bytes(frame.begin() + static_cast<ptrdiff_t>(prefix), frame.end()));
+    CResponse rest = m_client->receive();
+    ASSERT_TRUE(rest.isOK()) << prefix << ": " << rest.describe();
+    EXPECT_FALSE(rest.in->readBool());
+    EXPECT_TRUE(rest.atEnd());
+  }
+}
+
+// The return value itself, on a server handled by hand.
 TEST_F(ServerTest, HandleIfAvailableWaitsOnlyOnceAFrameBegan) {
   CRawClient client(m_clientEnd.get());
   EXPECT_FALSE(m_server->handleMessageIfAvailable());
@@ -803,22 +886,56 @@ TEST_F(ServerTest, DestroyingTheServerReleasesHandles) {
 // ---------------------------------------------------------------------------
 // Confinement by URI
 
+// An in-memory share at file:///share, as the frame vectors expect it.
+P<CMemFileSystem> shareMemFiles(CProxyFileSystemServer& server) {
+  P<CMemFileSystem> fs = createObject<CMemFileSystem>();
+  fs->addFile("/share/a.txt", "hello");
+  fs->addFolder("/share/docs");
+  fs->addFile("/share/docs/b.txt", "abc");
+  fs->addFolder("/share/docs/sub");
+  server.addShare(CURISelector(CURI("file:///share")), fs.get());
+  return fs;
+}
+
+// args: address name (and an unused folder).
+ZEL_TEST_CHILD(proxy_mem_server) { return proxy_test::runChildServer(args.at(0), shareMemFiles); }
+
+// The in-memory share, handled directly or over a connection as in
+// ServerTest; every connection gets a fresh server and share.
 class FakeShareTest : public ::testing::Test {
  protected:
   FakeShareTest() {
     auto ends = CInProcessConnection::createPair();
     m_serverEnd = ends.first;
     m_clientEnd = ends.second;
-    m_fs = createObject<CMemFileSystem>();
-    m_fs->addFile("/share/a.txt", "hello");
-    m_fs->addFolder("/share/docs");
-    m_fs->addFile("/share/docs/b.txt", "abc");
-    m_fs->addFolder("/share/docs/sub");
     m_server = createObject<CTestServer>(m_serverEnd.get());
-    m_server->addShare(CURISelector(CURI("file:///share")), m_fs.get());
+    m_fs = shareMemFiles(*m_server);
+  }
+  ~FakeShareTest() override {
+    if (m_client) m_client->close();
+  }
+
+  void link(Transport transport, std::unique_ptr<proxy_test::CChildServer>& child) {
+    if (transport == Transport::ChildProcess) {
+      if (!child) child = std::make_unique<proxy_test::CChildServer>("proxy_mem_server");
+      m_link = std::make_unique<proxy_test::CServerLink>(*child);
+    } else {
+      m_link = std::make_unique<proxy_test::CServerLink>(shareMemFiles);
+    }
+    m_client = std::make_unique<CRawClient>(m_link->connect().get());
+  }
+  // The calls that reached the share.
+  int calls() {
+    if (!m_client) return m_fs->getCallCount();
+    CRequest request(Server::FuncGetFreeSpaceInFolder);
+    return static_cast<int>(call(request.uri(proxy_test::probeCallsURI())).in->readInt64());
   }
 
   CResponse call(CRequest& request) {
+    if (m_client) {
+      m_client->send(request);
+      return m_client->receive();
+    }
     m_lastResponse = m_server->handleMessage(request.message());
     return parseResponse(*m_lastResponse);
   }
@@ -833,9 +950,20 @@ class FakeShareTest : public ::testing::Test {
   P<CMemFileSystem> m_fs;
   P<CTestServer> m_server;
   P<CProxyFileSystemMessage> m_lastResponse;
+  std::unique_ptr<proxy_test::CServerLink> m_link;
+  std::unique_ptr<CRawClient> m_client;
 };
 
-TEST_F(FakeShareTest, UriOutsideEverySharetouchesNothing) {
+class FakeShareLinkTest : public FakeShareTest, public ::testing::WithParamInterface<Transport> {
+ protected:
+  FakeShareLinkTest() { link(GetParam(), s_child); }
+  static void TearDownTestSuite() { s_child.reset(); }
+  static inline std::unique_ptr<proxy_test::CChildServer> s_child;
+};
+INSTANTIATE_TEST_SUITE_P(, FakeShareLinkTest, ::testing::Values(Transport::InProcess, Transport::ChildProcess),
+                         proxy_test::transportName);
+
+TEST_P(FakeShareLinkTest, UriOutsideEverySharetouchesNothing) {
   for (const char* text : {"file:///other/a.txt", "file:///sharewide/a.txt",
                            "http://host/share/a.txt", "file://server/share/a.txt", "file:///"}) {
     CResponse response = callText(Server::FuncFileExists, text);
@@ -851,18 +979,18 @@ TEST_F(FakeShareTest, UriOutsideEverySharetouchesNothing) {
   EXPECT_EQ(call(link.str("file:///other/secret").str("file:///share/l")).type, 0);
   CRequest store(Server::FuncBackgroundStoreBegin);
   EXPECT_EQ(call(store.str("file:///other/x").i64(1).b(true).raw("x")).type, 0);
-  EXPECT_EQ(m_fs->getCallCount(), 0);
+  EXPECT_EQ(calls(), 0);
   // Not a URI at all.
   EXPECT_EQ(callText(Server::FuncFileExists, "C:\\share\\a.txt").type, 0);
-  EXPECT_EQ(m_fs->getCallCount(), 0);
+  EXPECT_EQ(calls(), 0);
 
   CResponse inside = callText(Server::FuncFileExists, "file:///share/a.txt");
   ASSERT_TRUE(inside.isOK());
   EXPECT_TRUE(inside.in->readBool());
-  EXPECT_EQ(m_fs->getCallCount(), 1);
+  EXPECT_EQ(calls(), 1);
 }
 
-TEST_F(FakeShareTest, DotDotIsRefusedEvenInside) {
+TEST_P(FakeShareLinkTest, DotDotIsRefusedEvenInside) {
   for (const char* text :
        {"file:///share/docs/../a.txt", "file:///share/docs/%2E%2E/a.txt", "file:///share/docs/..",
         "file:///share/.../a.txt", "file:///share/docs/.. ", "file:///share/docs//b.txt",
@@ -878,14 +1006,14 @@ TEST_F(FakeShareTest, DotDotIsRefusedEvenInside) {
     EXPECT_EQ(cause->getErrorCode(), -1);
     EXPECT_TRUE(cause->getParams().has("path"));
   }
-  EXPECT_EQ(m_fs->getCallCount(), 0);
+  EXPECT_EQ(calls(), 0);
   // "." segments name nothing and are fine.
   CResponse dot = callText(Server::FuncFileExists, "file:///share/./docs/./b.txt");
   ASSERT_TRUE(dot.isOK()) << dot.describe();
   EXPECT_TRUE(dot.in->readBool());
 }
 
-TEST_F(FakeShareTest, EveryAssignedFunctionHasAHandler) {
+TEST_P(FakeShareLinkTest, EveryAssignedFunctionHasAHandler) {
   // Without arguments every handler fails reading them; only 42 and 43 are
   // not found at all.
   int handlers = 0;
@@ -902,10 +1030,10 @@ TEST_F(FakeShareTest, EveryAssignedFunctionHasAHandler) {
     }
   }
   EXPECT_EQ(handlers, 62);
-  EXPECT_EQ(m_fs->getCallCount(), 0);
+  EXPECT_EQ(calls(), 0);
 }
 
-TEST_F(FakeShareTest, ErrorsHoldingNulCharactersStayLoadable) {
+TEST_P(FakeShareLinkTest, ErrorsHoldingNulCharactersStayLoadable) {
   // The parse error names the text, NUL and all; stored texts end at a NUL.
   // Written by hand: writeString stops at a NUL.
   const char raw[] = "fi\0le:///share/a";
@@ -1080,7 +1208,7 @@ TEST_F(ServerTest, RebasingShareMapsBothWays) {
 // Confinement against links (Linux: Wine has no symbolic links)
 
 #ifndef _WIN32
-class LinkEscapeTest : public ServerTest {
+class LinkEscapeTest : public ServerLinkTest {
  protected:
   LinkEscapeTest() {
     writeFile("inside.txt", "inside");
@@ -1090,11 +1218,13 @@ class LinkEscapeTest : public ServerTest {
     link(secret, "s.txt");
     const std::string outsideName =
         nativeOf(m_outside.getPath()).substr(nativeOf(m_outside.getPath()).rfind('/') + 1);
-    link("../" + outsideName + "/secret.txt", "rel.txt");
+    // From this test's folder up to the one holding m_outside.
+    const std::string up = m_root == m_shareRoot ? "../" : "../../";
+    link(up + outsideName + "/secret.txt", "rel.txt");
     link(m_outside.file("new.txt"), "dangling.txt");
   }
   void link(const String& target, const std::string& name) {
-    ASSERT_EQ(::symlink(nativeOf(target).c_str(), nativeOf(m_temp.file(name.c_str())).c_str()), 0);
+    ASSERT_EQ(::symlink(nativeOf(target).c_str(), nativeOf(folderFile(name)).c_str()), 0);
   }
   bool outsideHas(const char* name) {
     return ::access(nativeOf(m_outside.file(name)).c_str(), F_OK) == 0;
@@ -1112,7 +1242,7 @@ class LinkEscapeTest : public ServerTest {
   String secret;
 };
 
-TEST_F(LinkEscapeTest, ReadingThroughALinkOutsideIsRefused) {
+TEST_P(LinkEscapeTest, ReadingThroughALinkOutsideIsRefused) {
   for (const char* name : {"out/secret.txt", "s.txt", "rel.txt"}) {
     CRequest open(Server::FuncStreamOpen);
     expectEscapeRefused(call(open.uri(uri(name)).i32(kRead).i32(0)), name);
@@ -1139,12 +1269,12 @@ TEST_F(LinkEscapeTest, ReadingThroughALinkOutsideIsRefused) {
   ok(remove.uri(uri("s.txt")));
   EXPECT_TRUE(outsideHas("secret.txt"));
   // Links that stay inside work as usual.
-  ASSERT_EQ(::symlink("inside.txt", nativeOf(m_temp.file("good.txt")).c_str()), 0);
+  ASSERT_EQ(::symlink("inside.txt", nativeOf(folderFile("good.txt")).c_str()), 0);
   CRequest good(Server::FuncStreamOpen);
   EXPECT_GT(ok(good.uri(uri("good.txt")).i32(kRead).i32(0)).in->readInt64(), 0);
 }
 
-TEST_F(LinkEscapeTest, WritingThroughALinkOutsideIsRefused) {
+TEST_P(LinkEscapeTest, WritingThroughALinkOutsideIsRefused) {
   CRequest ensure(Server::FuncEnsureFileExists);
   expectEscapeRefused(call(ensure.uri(uri("dangling.txt"))), "dangling");
   CRequest create(Server::FuncStreamOpen);
@@ -1161,10 +1291,10 @@ TEST_F(LinkEscapeTest, WritingThroughALinkOutsideIsRefused) {
   EXPECT_FALSE(outsideHas("new.txt"));
   EXPECT_FALSE(outsideHas("made"));
   EXPECT_FALSE(outsideHas("moved.txt"));
-  EXPECT_EQ(m_server->getOpenHandleCount(), 0);
+  EXPECT_EQ(openHandles(), 0);
 }
 
-TEST_F(LinkEscapeTest, LinkCreationCannotReachOutside) {
+TEST_P(LinkEscapeTest, LinkCreationCannotReachOutside) {
   // An absolute target outside every share.
   CRequest outside(Server::FuncCreateFileSymLink);
   CResponse response = call(outside.uri(CURI::fromNativePath(CNativePath(secret))).uri(uri("l1")));
@@ -1187,15 +1317,17 @@ TEST_F(LinkEscapeTest, LinkCreationCannotReachOutside) {
   expectEscapeRefused(call(open.uri(uri("h2")).i32(kRead).i32(0)), "hard link to a link");
 }
 
-TEST_F(LinkEscapeTest, TheRootCannotBeReplaced) {
+TEST_P(LinkEscapeTest, TheRootCannotBeReplaced) {
   CRequest remove(Server::FuncDeleteEmptyFolder);
-  expectEscapeRefused(call(remove.uri(m_root).b(true)), "delete root");
+  expectEscapeRefused(call(remove.uri(m_shareRoot).b(true)), "delete root");
   CRequest move(Server::FuncMoveFile);
-  expectEscapeRefused(call(move.uri(m_root).uri(uri("x")).b(false)), "move root");
+  expectEscapeRefused(call(move.uri(m_shareRoot).uri(uri("x")).b(false)), "move root");
   CRequest link(Server::FuncCreateFolderSymLink);
-  expectEscapeRefused(call(link.uri(uri("inside.txt")).uri(m_root)), "link at root");
+  expectEscapeRefused(call(link.uri(uri("inside.txt")).uri(m_shareRoot)), "link at root");
   EXPECT_TRUE(m_fs->folderExists(m_root));
 }
+INSTANTIATE_TEST_SUITE_P(, LinkEscapeTest, ::testing::Values(Transport::InProcess, Transport::ChildProcess),
+                         proxy_test::transportName);
 #endif
 
 // ---------------------------------------------------------------------------
@@ -1409,21 +1541,13 @@ std::vector<CScenario> loadScenarios(const std::string& path) {
   return scenarios;
 }
 
-TEST(ProxyServerVectors, FramesAreByteExact) {
+TEST_P(FakeShareLinkTest, FramesAreByteExact) {
   const std::vector<CScenario> scenarios = loadScenarios(ZEL_TEST_VECTORS_DIR "/proxy_frames.txt");
   EXPECT_GE(scenarios.size(), 8u);
   for (const CScenario& scenario : scenarios) {
     SCOPED_TRACE(scenario.name);
-    auto ends = CInProcessConnection::createPair();
-    P<CMemFileSystem> fs = createObject<CMemFileSystem>();
-    fs->addFile("/share/a.txt", "hello");
-    fs->addFolder("/share/docs");
-    fs->addFile("/share/docs/b.txt", "abc");
-    fs->addFolder("/share/docs/sub");
-    P<Server> server = createObject<Server>(ends.first.get());
-    server->addShare(CURISelector(CURI("file:///share")), fs.get());
-    // Through the connection, as a client would see it.
-    CRawClient client(ends.second.get());
+    // A fresh server and share for each, as a client would see them.
+    CRawClient client(m_link->connect().get());
     for (size_t i = 0; i < scenario.frames.size(); ++i) {
       const auto& [kind, bytes] = scenario.frames[i];
       ASSERT_GE(bytes.size(), 4u);
@@ -1434,9 +1558,7 @@ TEST(ProxyServerVectors, FramesAreByteExact) {
       ASSERT_LT(i + 1, scenario.frames.size());
       ASSERT_EQ(scenario.frames[i + 1].first, "response");
       client.send(bytes);
-      ASSERT_TRUE(server->handleNextMessage());
-      P<CProxyFileSystemMessage> response =
-          CProxyFileSystemMessage::read(*ends.second->getInStream());
+      P<CProxyFileSystemMessage> response = client.receiveMessage();
       Bytes frame = {0, 0, 0, 0};
       const Bytes payload = proxy_test::payloadOf(*response);
       frame.insert(frame.end(), payload.begin(), payload.end());

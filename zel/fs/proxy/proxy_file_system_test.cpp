@@ -22,12 +22,14 @@
 #include "zel/stream/buffer_stream.h"
 #include "zel/stream/stored_error.h"
 #include "zel/thread/signal.h"
+#include "tests/support/proxy_server_test_util.h"
 #include "tests/support/temp_folder.h"
 
 namespace zel {
 namespace {
 
 using Flags = TFlags<IIOStream::Flags>;
+using proxy_test::Transport;
 
 // Runs body, expecting an error of class E, and hands it to check.
 template <class E = CError, class Body, class Check>
@@ -109,6 +111,10 @@ class CTestLoginManager : public CBase, public IFileSystemLoginManager {
 //   getFileInfo                an info that gathered type and size only
 //   backgroundCreateFolder     createFolder on a worker; ".../blocked" waits
 //                              for the gate
+// Two answers report what it saw, for tests whose server runs elsewhere:
+//   getFreeSpaceInFolder       how often an info's user name was read
+//   getAccountOrUserNameUsedForAccess  the last login data: props, then the
+//                              selector on a line of its own
 class CScriptedFileSystem : public CFileSystem {
  public:
   CSignal entered;
@@ -170,41 +176,72 @@ class CScriptedFileSystem : public CFileSystem {
   void createFolder(const CURI& uri, int) override {
     if (uri.getName() == "blocked") gate.wait(-1);
   }
+  int64 getFreeSpaceInFolder(const CURI&) override { return userNameReads.load(); }
+  String getAccountOrUserNameUsedForAccess(const CURI&) override {
+    return lastProps.toString() + "\n" + lastSelector.toString();
+  }
 
  private:
   P<IFileSystemLoginManager> m_login;
   P<CBackgroundOpThread> m_worker;
 };
 
-// A client and a server over an in-process connection, the server sharing a
-// temporary folder of the local file system and the scripted file system,
-// served by a thread of its own.
-class ProxyFileSystemTest : public ::testing::Test {
+// The server's shares: folder of the local file system, and the scripted
+// file system at "test://host/area".
+P<CScriptedFileSystem> addShares(CProxyFileSystemServer& server, IFileSystem* local, const String& folder) {
+  P<CScriptedFileSystem> scripted = createObject<CScriptedFileSystem>();
+  server.addShare(CURISelector(CURI::fromNativePath(CNativePath(folder))), local);
+  server.addShare(CURISelector(CURI("test://host/area")), scripted.get());
+  return scripted;
+}
+
+// args: address name, shared folder.
+ZEL_TEST_CHILD(proxy_fs_server) {
+  const String folder = String::fromUTF8(args.at(1).c_str());
+  return proxy_test::runChildServer(args.at(0), [folder](CProxyFileSystemServer& server) {
+    P<CFileSystem> local = createObject<CFileSystem>();
+    addShares(server, local.get(), folder);
+    return P<proxy_test::CMemFileSystem>();
+  });
+}
+
+// A client and a server, the server sharing a temporary folder of the local
+// file system and the scripted file system. The server runs in this process
+// on a thread of its own, or in a child process shared by the test suite;
+// with a child, each test works in a fresh subfolder of the child's shared
+// folder, and a fresh server with a fresh scripted file system serves its
+// connection.
+class ProxyFileSystemFixture : public ::testing::Test {
  protected:
+  static void TearDownTestSuite() { s_child.reset(); }
   void SetUp() override {
     m_local = createObject<CFileSystem>();
-    m_scripted = createObject<CScriptedFileSystem>();
-    auto [client, server] = CInProcessConnection::createPair();
-    m_serverEnd = server;
-    m_server = createObject<CProxyFileSystemServer>(server.get());
-    m_server->addShare(CURISelector(root()), m_local.get());
-    m_server->addShare(CURISelector(CURI("test://host/area")), m_scripted.get());
-    m_serving = std::thread([this, server = m_server] {
-      server->serve();
-      m_served = true;
-    });
-    m_proxy = createObject<CProxyFileSystem>(client.get());
+    if (m_transport == Transport::ChildProcess) {
+      if (!s_child) s_child = std::make_unique<proxy_test::CChildServer>("proxy_fs_server");
+      m_shared = s_child->getFolder();
+      m_folder = s_child->newTestFolder();
+      m_link = std::make_unique<proxy_test::CServerLink>(*s_child);
+    } else {
+      m_shared = m_folder = m_temp.getPath();
+      m_link = std::make_unique<proxy_test::CServerLink>([this](CProxyFileSystemServer& server) {
+        m_scripted = addShares(server, m_local.get(), m_temp.getPath());
+        return P<proxy_test::CMemFileSystem>();
+      });
+    }
+    m_proxy = createObject<CProxyFileSystem>(m_link->connect().get());
   }
   void TearDown() override {
     if (m_proxy) m_proxy->close();
-    m_serving.join();
-    m_scripted->gate.set();
+    if (m_scripted) m_scripted->gate.set();
+    m_link.reset();
     m_local->dispose();
   }
 
-  CURI root() const { return CURI::fromNativePath(CNativePath(m_temp.getPath())); }
-  CURI uri(const String& name) const { return CURI::fromNativePath(CNativePath(m_temp.file(name))); }
+  CURI root() const { return CURI::fromNativePath(CNativePath(m_folder)); }
+  CURI uri(const String& name) const { return root().append(name); }
   static CURI scripted(const String& name) { return CURI("test://host/area/" + name); }
+  // The handles the server holds for this client.
+  int64 openHandles() { return m_proxy->getFileSectorSize(proxy_test::probeHandlesURI()); }
 
   void writeFile(const CURI& target, const std::string& bytes) {
     P<IIOStream> stream = m_local->createStream(target, IIOStream::AccessReadWrite, IIOStream::FlagTruncate);
@@ -218,17 +255,29 @@ class ProxyFileSystemTest : public ::testing::Test {
     return bytes;
   }
 
+  static inline std::unique_ptr<proxy_test::CChildServer> s_child;
+  Transport m_transport = Transport::InProcess;
   test::CTempFolder m_temp;
+  String m_shared;  // the shared folder
+  String m_folder;  // this test's folder in it
   P<CFileSystem> m_local;
-  P<CScriptedFileSystem> m_scripted;
-  P<IConnection> m_serverEnd;
-  P<CProxyFileSystemServer> m_server;
-  std::thread m_serving;
-  std::atomic<bool> m_served{false};
+  std::unique_ptr<proxy_test::CServerLink> m_link;
+  P<CScriptedFileSystem> m_scripted;  // in process only
   P<CProxyFileSystem> m_proxy;
 };
 
-TEST_F(ProxyFileSystemTest, FileAndFolderCallsReachTheShare) {
+class ProxyFileSystemTest : public ProxyFileSystemFixture, public ::testing::WithParamInterface<Transport> {
+ protected:
+  ProxyFileSystemTest() { m_transport = GetParam(); }
+};
+INSTANTIATE_TEST_SUITE_P(, ProxyFileSystemTest,
+                         ::testing::Values(Transport::InProcess, Transport::ChildProcess),
+                         proxy_test::transportName);
+
+// Tests that hold the server's end or its scripted file system directly.
+class ProxyFileSystemInProcessTest : public ProxyFileSystemFixture {};
+
+TEST_P(ProxyFileSystemTest, FileAndFolderCallsReachTheShare) {
   CURI folder = uri("dir"), file = uri("dir").append("f.txt");
   m_proxy->createFolder(folder, 0);
   EXPECT_FALSE(m_proxy->ensureFolderExists(folder, 0));
@@ -276,7 +325,7 @@ TEST_F(ProxyFileSystemTest, FileAndFolderCallsReachTheShare) {
 
 // Both depend on the platform and on the file system under the temporary
 // folder: the proxy answers as the local file system does.
-TEST_F(ProxyFileSystemTest, SubDataStreamsAndNativeMetaData) {
+TEST_P(ProxyFileSystemTest, SubDataStreamsAndNativeMetaData) {
   CURI file = uri("host.txt");
   writeFile(file, "main");
   try {
@@ -305,7 +354,7 @@ TEST_F(ProxyFileSystemTest, SubDataStreamsAndNativeMetaData) {
   EXPECT_TRUE(*meta == *local);
 }
 
-TEST_F(ProxyFileSystemTest, SymbolicLinks) {
+TEST_P(ProxyFileSystemTest, SymbolicLinks) {
   writeFile(uri("target.txt"), "data");
   try {
     m_proxy->createFileSymLink(uri("link.txt"), uri("target.txt"));
@@ -328,7 +377,7 @@ TEST_F(ProxyFileSystemTest, SymbolicLinks) {
   EXPECT_TRUE(m_local->folderExists(uri("folder")));
 }
 
-TEST_F(ProxyFileSystemTest, StreamOperationsAndReleases) {
+TEST_P(ProxyFileSystemTest, StreamOperationsAndReleases) {
   CURI file = uri("s.bin");
   P<IIOStream> stream = m_proxy->createStream(file, IIOStream::AccessReadWrite, Flags());
   EXPECT_EQ(stream->getURI(), file);
@@ -377,17 +426,17 @@ TEST_F(ProxyFileSystemTest, StreamOperationsAndReleases) {
   P<IIOStream> second = m_proxy->createStream(file, IIOStream::AccessRead, Flags());
   EXPECT_THROW(second->lockRange(0, 5, IStreamBase::Shared), CFileSystemError);
   // Streams, barriers and the lock: one handle each on the server.
-  EXPECT_EQ(m_server->getOpenHandleCount(), 5);
+  EXPECT_EQ(openHandles(), 5);
   lock = nullptr;
-  EXPECT_EQ(m_server->getOpenHandleCount(), 4);
+  EXPECT_EQ(openHandles(), 4);
   P<IStreamLock> again = second->lockRange(0, 5, IStreamBase::Shared);
   again = nullptr;
   child = nullptr;
   barrier = nullptr;
   second = nullptr;  // closed on destruction
-  EXPECT_EQ(m_server->getOpenHandleCount(), 1);
+  EXPECT_EQ(openHandles(), 1);
   stream->close();
-  EXPECT_EQ(m_server->getOpenHandleCount(), 0);
+  EXPECT_EQ(openHandles(), 0);
   stream->close();
   expectError<CIOError>([&] { stream->getLength(); }, [](const CIOError& e) {
     EXPECT_EQ(e.getErrorCode(), CIOError::StreamClosed);
@@ -397,7 +446,7 @@ TEST_F(ProxyFileSystemTest, StreamOperationsAndReleases) {
 
 // Transfers above the largest request are split; the bytes arrive whole and
 // in order across the request boundaries.
-TEST_F(ProxyFileSystemTest, LargeReadsAndWritesAreSplit) {
+TEST_P(ProxyFileSystemTest, LargeReadsAndWritesAreSplit) {
   const int size = CProxyFileSystemBase::kMaxDataChunk + 4099;
   std::vector<unsigned char> data(static_cast<size_t>(size));
   for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<unsigned char>(i * 7 + (i >> 13));
@@ -414,24 +463,25 @@ TEST_F(ProxyFileSystemTest, LargeReadsAndWritesAreSplit) {
 }
 
 // Items the first answer lacks are fetched once, on first use.
-TEST_F(ProxyFileSystemTest, FileInfoFetchesOtherItemsOnce) {
+TEST_P(ProxyFileSystemTest, FileInfoFetchesOtherItemsOnce) {
   P<IFileInfoBase> info = m_proxy->getFileInfo(scripted("x"), false);
   EXPECT_EQ(info->getSize(), 42);
   EXPECT_EQ(info->getCachedInfoMask(), uint64{IFileInfoBase::CachedType | IFileInfoBase::CachedSize});
-  EXPECT_EQ(m_scripted->userNameReads.load(), 0);
+  auto userNameReads = [&] { return m_proxy->getFreeSpaceInFolder(scripted("reads")); };
+  EXPECT_EQ(userNameReads(), 0);
   EXPECT_EQ(info->getUnixUserName(), "alice");
-  EXPECT_EQ(m_scripted->userNameReads.load(), 1);
+  EXPECT_EQ(userNameReads(), 1);
   EXPECT_EQ(info->getUnixGroupName(), "staff");
   EXPECT_TRUE(info->hasUnixInfo());
   EXPECT_EQ(info->getUnixUserName(), "alice");
-  EXPECT_EQ(m_scripted->userNameReads.load(), 1);
+  EXPECT_EQ(userNameReads(), 1);
   EXPECT_EQ(info->getCachedInfoMask(), uint64{IFileInfoBase::CachedType | IFileInfoBase::CachedSize});
-  EXPECT_EQ(m_server->getOpenHandleCount(), 1);
+  EXPECT_EQ(openHandles(), 1);
   info = nullptr;
-  EXPECT_EQ(m_server->getOpenHandleCount(), 0);
+  EXPECT_EQ(openHandles(), 0);
 }
 
-TEST_F(ProxyFileSystemTest, FolderContents) {
+TEST_P(ProxyFileSystemTest, FolderContents) {
   CURI folder = uri("list");
   m_local->createFolder(folder, 0);
   P<IFolderContentsIterator> empty = m_proxy->getFolderContents(folder);
@@ -458,10 +508,10 @@ TEST_F(ProxyFileSystemTest, FolderContents) {
   EXPECT_EQ(items["sub"]->getType(), IFileInfoBase::TypeFolder);
   EXPECT_EQ(items[String(L"\u00e9t\u00e9.txt").toStdUTF8()]->getType(), IFileInfoBase::TypeFile);
   // Listings hold no server handles.
-  EXPECT_EQ(m_server->getOpenHandleCount(), 0);
+  EXPECT_EQ(openHandles(), 0);
 }
 
-TEST_F(ProxyFileSystemTest, MetaModifierAppliesOnlyOnRequest) {
+TEST_P(ProxyFileSystemTest, MetaModifierAppliesOnlyOnRequest) {
   CURI file = uri("meta.txt");
   writeFile(file, "x");
   const CTime before = m_local->getFileInfo(file, true)->getDataModifiedTime();
@@ -485,15 +535,15 @@ TEST_F(ProxyFileSystemTest, MetaModifierAppliesOnlyOnRequest) {
   modifier->applyCachedChanges();
   EXPECT_TRUE(m_local->getFileInfo(file, true)->isReadOnly());
   modifier = m_proxy->createMetaModifier(file, true);  // the first one is released
-  EXPECT_EQ(m_server->getOpenHandleCount(), 1);
+  EXPECT_EQ(openHandles(), 1);
   modifier->setReadOnly(false);
   modifier->applyCachedChanges();
   EXPECT_FALSE(m_local->getFileInfo(file, true)->isReadOnly());
   modifier = nullptr;
-  EXPECT_EQ(m_server->getOpenHandleCount(), 0);
+  EXPECT_EQ(openHandles(), 0);
 }
 
-TEST_F(ProxyFileSystemTest, ServerErrorsArriveWithTheirKind) {
+TEST_P(ProxyFileSystemTest, ServerErrorsArriveWithTheirKind) {
   CURI missing = uri("missing.txt");
   CError local("none");
   expectError([&] { m_local->deleteFile(missing, false); }, [&](const CError& e) { local = e; });
@@ -508,7 +558,7 @@ TEST_F(ProxyFileSystemTest, ServerErrorsArriveWithTheirKind) {
     EXPECT_EQ(e.getCause()->getErrorCode(), local.getErrorCode());
     EXPECT_EQ(e.getCause()->getParams(), local.getParams());
   });
-  const CURI outside = root().getParent().append("elsewhere");
+  const CURI outside = CURI::fromNativePath(CNativePath(m_shared)).getParent().append("elsewhere");
   expectError<CFileSystemError>([&] { m_proxy->fileExists(outside); }, [](const CError& e) {
     EXPECT_EQ(e.getMessage(), "Proxy URI does not reference a shared filesystem area.");
   });
@@ -521,19 +571,20 @@ TEST_F(ProxyFileSystemTest, ServerErrorsArriveWithTheirKind) {
   EXPECT_TRUE(m_proxy->isUsable());
 }
 
-TEST_F(ProxyFileSystemTest, LoginCallbacks) {
+TEST_P(ProxyFileSystemTest, LoginCallbacks) {
   P<CTestLoginManager> manager = createObject<CTestLoginManager>();
   manager->answer.set("user", "bob");
   manager->answer.set("password", "p\"w,x");
   manager->answerSelector = CURISelector(CURI("test://host/area"));
   m_proxy->setLoginManager(manager.get());
+  // What the server's file system last got as login data.
+  auto seen = [&] { return m_proxy->getAccountOrUserNameUsedForAccess(scripted("seen")); };
 
   // Asked for login data.
   EXPECT_TRUE(m_proxy->fileExists(scripted("login")));
   ASSERT_EQ(manager->asked.size(), 1u);
   EXPECT_EQ(manager->asked[0], scripted("login").toString());
-  EXPECT_EQ(m_scripted->lastProps, manager->answer);
-  EXPECT_EQ(m_scripted->lastSelector, manager->answerSelector);
+  EXPECT_EQ(seen(), manager->answer.toString() + "\n" + manager->answerSelector.toString());
   // Told of new login data.
   EXPECT_TRUE(m_proxy->folderExists(scripted("update")));
   EXPECT_EQ(manager->updates, 1);
@@ -569,12 +620,11 @@ TEST_F(ProxyFileSystemTest, LoginCallbacks) {
   // Without a manager: empty answers, not errors.
   m_proxy->setLoginManager(nullptr);
   EXPECT_FALSE(m_proxy->fileExists(scripted("login")));
-  EXPECT_TRUE(m_scripted->lastProps.isEmpty());
-  EXPECT_TRUE(m_scripted->lastSelector.isEmpty());
+  EXPECT_EQ(seen(), CProps().toString() + "\n" + CURISelector().toString());
   EXPECT_TRUE(m_proxy->folderExists(scripted("update")));
 }
 
-TEST_F(ProxyFileSystemTest, BackgroundOperationsCompleteOnce) {
+TEST_P(ProxyFileSystemTest, BackgroundOperationsCompleteOnce) {
   P<CCountingListener> listener = createObject<CCountingListener>();
   P<IBackgroundOp> op = m_proxy->backgroundCreateFolder(uri("bg"), 0, listener.get());
   ASSERT_TRUE(op->waitFinished(10000));
@@ -610,7 +660,7 @@ TEST_F(ProxyFileSystemTest, BackgroundOperationsCompleteOnce) {
   // Reported once: nothing more arrives, and the server forgot them.
   CThread::sleep(200);
   EXPECT_EQ(listener->count.load(), 5);
-  EXPECT_EQ(m_server->getOpenHandleCount(), 0);
+  EXPECT_EQ(openHandles(), 0);
 
   // Refused before anything is sent: failed from the start.
   op = m_proxy->backgroundCreateFolder(uri("bad"), 0x100, listener.get());
@@ -619,7 +669,7 @@ TEST_F(ProxyFileSystemTest, BackgroundOperationsCompleteOnce) {
   EXPECT_EQ(listener->count.load(), 6);
 }
 
-TEST_F(ProxyFileSystemTest, LargeStoreRunsOnTheClient) {
+TEST_P(ProxyFileSystemTest, LargeStoreRunsOnTheClient) {
   const int size = CProxyFileSystemBase::kMaxDataChunk + 1000;
   std::string data(static_cast<size_t>(size), '\0');
   for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i % 251);
@@ -632,7 +682,7 @@ TEST_F(ProxyFileSystemTest, LargeStoreRunsOnTheClient) {
   EXPECT_TRUE(waitUntil([&] { return listener->count.load() == 1; }));
 }
 
-TEST_F(ProxyFileSystemTest, CloseFailsOutstandingOperations) {
+TEST_P(ProxyFileSystemTest, CloseFailsOutstandingOperations) {
   P<CCountingListener> listener = createObject<CCountingListener>();
   P<IBackgroundOp> op = m_proxy->backgroundCreateFolder(scripted("blocked"), 0, listener.get());
   EXPECT_FALSE(op->waitFinished(150));
@@ -652,26 +702,27 @@ TEST_F(ProxyFileSystemTest, CloseFailsOutstandingOperations) {
 
 // An outstanding operation holds its file system; when it completes, the
 // file system goes away on the polling thread and closes its connection.
-TEST_F(ProxyFileSystemTest, OutstandingOperationKeepsTheFileSystemAlive) {
+TEST_F(ProxyFileSystemInProcessTest, OutstandingOperationKeepsTheFileSystemAlive) {
   P<CCountingListener> listener = createObject<CCountingListener>();
   P<IBackgroundOp> op = m_proxy->backgroundCreateFolder(scripted("blocked"), 0, listener.get());
   m_proxy = nullptr;
   EXPECT_FALSE(op->waitFinished(150));
-  EXPECT_FALSE(m_served.load());
+  EXPECT_EQ(m_link->getEndedCount(), 0);
   m_scripted->gate.set();
   ASSERT_TRUE(op->waitFinished(10000));
   op->throwErrorIfFailed();
   ASSERT_TRUE(waitUntil([&] { return listener->count.load() == 1; }));
-  EXPECT_TRUE(waitUntil([&] { return m_served.load(); }));
+  EXPECT_TRUE(waitUntil([&] { return m_link->getEndedCount() == 1; }));
 }
 
 // The server goes away while a call waits for its answer: the call fails
 // promptly, the file system stays unusable, outstanding operations fail.
-TEST_F(ProxyFileSystemTest, ServerGoneMidCall) {
+// (A server process killed mid-call: ProxyProcessTest.)
+TEST_F(ProxyFileSystemInProcessTest, ServerGoneMidCall) {
   P<CCountingListener> listener = createObject<CCountingListener>();
   P<IBackgroundOp> pending = m_proxy->backgroundCreateFolder(scripted("blocked"), 0, listener.get());
   std::thread closer([&] {
-    if (m_scripted->entered.wait(10000)) m_serverEnd->close();
+    if (m_scripted->entered.wait(10000)) m_link->getLastServerEnd()->close();
   });
   const CTime start = CTime::now();
   EXPECT_THROW(m_proxy->pathExists(scripted("block")), CIOError);
