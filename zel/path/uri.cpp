@@ -334,6 +334,30 @@ TArray<WStr> splitPath(const WStr& path) {
   return segments;
 }
 
+// Whether normalising text would leave it as it is: no escapes to rewrite and,
+// with lowerCase, no upper-case letters.
+bool isNormalText(const wxString& text, bool lowerCase) {
+  for (wxString::const_iterator it = text.begin(); it != text.end(); ++it) {
+    const wxUniChar c = *it;
+    if (c == L'%') return false;
+    if (lowerCase && c >= L'A' && c <= L'Z') return false;
+  }
+  return true;
+}
+
+// Whether dropping "." segments and re-joining would leave path as it is.
+bool hasDotSegment(const wxString& path) {
+  const size_t n = path.length();
+  size_t start = 0;
+  for (size_t i = 0; i <= n; ++i) {
+    if (i == n || path[i] == L'/') {
+      if (i == start + 1 && path[start] == L'.') return true;
+      start = i + 1;
+    }
+  }
+  return false;
+}
+
 // The path with one trailing empty segment dropped (not the root's).
 WStr withoutTrailingSlash(const WStr& path) {
   if (path.size() > 1 && path.back() == L'/') return path.substr(0, path.size() - 1);
@@ -441,23 +465,56 @@ String CURI::getAuthority() const {
 
 String CURI::toString(bool escaped) const {
   if (isEmpty()) return String();
-  auto part = [escaped](const String& text) { return escaped ? text : unescape(text); };
-  String out = m_scheme + L":";
+  // Built in one buffer: every request a client sends carries this text.
+  wxString out;
+  out.reserve(m_scheme.getLength() + m_userInfo.getLength() + m_host.getLength() +
+              m_path.getLength() + m_query.getLength() + m_fragment.getLength() + 16);
+  auto add = [&](const String& text) {
+    if (escaped) {
+      out += text.getWxString();
+    } else {
+      out += unescape(text).getWxString();
+    }
+  };
+  out += m_scheme.getWxString();
+  out += L':';
   if (m_hasAuthority) {
     out += L"//";
-    if (m_hasUserInfo) out += part(m_userInfo) + L"@";
-    out += part(m_host);
-    if (m_port >= 0) out += String(":") + String::fromInt64(m_port);
+    if (m_hasUserInfo) {
+      add(m_userInfo);
+      out += L'@';
+    }
+    add(m_host);
+    if (m_port >= 0) {
+      out += L':';
+      out += String::fromInt64(m_port).getWxString();
+    }
   }
-  out += part(m_path);
-  if (m_hasQuery) out += String("?") + part(m_query);
-  if (m_hasFragment) out += String("#") + part(m_fragment);
-  return out;
+  add(m_path);
+  if (m_hasQuery) {
+    out += L'?';
+    add(m_query);
+  }
+  if (m_hasFragment) {
+    out += L'#';
+    add(m_fragment);
+  }
+  return String(out);
 }
 
 CURI CURI::toNormalized() const {
   CURI uri(*this);
   if (isEmpty()) return uri;
+  // Most URIs arrive normalised already (every server request does): answer
+  // those without rebuilding each part.
+  const wxString& rawPath = m_path.getWxString();
+  if (isNormalText(m_scheme.getWxString(), true) && isNormalText(m_host.getWxString(), true) &&
+      isNormalText(m_userInfo.getWxString(), false) && isNormalText(m_query.getWxString(), false) &&
+      isNormalText(m_fragment.getWxString(), false) && isNormalText(rawPath, false) &&
+      !hasDotSegment(rawPath) &&
+      (m_hasAuthority || !(rawPath.length() >= 2 && rawPath[0] == L'/' && rawPath[1] == L'/'))) {
+    return uri;
+  }
   uri.m_scheme = String(normalizeEscapes(m_scheme.toStdWString(), true));
   uri.m_userInfo = String(normalizeEscapes(m_userInfo.toStdWString(), false));
   uri.m_host = String(normalizeEscapes(m_host.toStdWString(), true));
@@ -540,6 +597,24 @@ CURI CURI::append(const String& segment) const {
     path += escaped;
   } else {
     path += L"/" + escaped;
+  }
+  CURI uri(*this);
+  uri.m_path = String(path);
+  uri.m_hasQuery = uri.m_hasFragment = false;
+  uri.m_query = uri.m_fragment = String();
+  return uri;
+}
+
+CURI CURI::append(const TArray<String>& segments) const {
+  if (isEmpty()) throw CInvalidArgError(String("CURI::append"), String("The URI is empty."));
+  if (segments.empty()) return *this;
+  WStr path = m_path.toStdWString();
+  for (const String& segment : segments) {
+    if (segment == L"." || segment == L"..") {
+      throw CInvalidArgError(String("CURI::append"), String("'.' and '..' are not segments."));
+    }
+    if (path.empty() || path.back() != L'/') path += L'/';
+    path += escapePart(segment.toStdWString(), Part::Segment, false, segment);
   }
   CURI uri(*this);
   uri.m_path = String(path);

@@ -126,6 +126,8 @@ class ZEL_API CURI {
   // is "/a/b". An empty segment appends "/". "." and ".." cannot be appended
   // (CInvalidArgError); nor can anything be appended to the empty URI.
   CURI append(const String& segment) const;
+  // The same as appending each of segments in turn, building the path once.
+  CURI append(const TArray<String>& segments) const;
 
   // The text of one path segment: unreserved characters, sub-delims, ":" and
   // "@" stay as they are, everything else (including "/", "%", "?", "#",

@@ -116,6 +116,12 @@ void CURISelector::setPath(const CURI& uri) {
     path += segments[k];
   }
   m_path = String(path);
+  m_prefix.clear();
+  if (!m_path.isEmpty() && m_path != L"/") {
+    for (const String& segment : decodedSegments(m_path)) {
+      if (segment != L".") m_prefix.add(segment);
+    }
+  }
 }
 
 String CURISelector::getAuthority() const {
@@ -150,12 +156,7 @@ bool CURISelector::matches(const CURI& uri, TArray<String>* remainder) const {
   if (!m_path.isEmpty()) {
     bool absolute = m_path.safeAt(0) == L'/';
     if (absolute != (normalized.getPath().safeAt(0) == L'/')) return false;
-    TArray<String> prefix;
-    if (m_path != L"/") {
-      for (const String& segment : decodedSegments(m_path)) {
-        if (segment != L".") prefix.add(segment);
-      }
-    }
+    const TArray<String>& prefix = m_prefix;
     if (prefix.size() > segments.size()) return false;
     for (size_t i = 0; i < prefix.size(); ++i) {
       bool same = m_pathCaseSensitive ? prefix[i] == segments[i]

@@ -110,6 +110,9 @@ class ZEL_API CURISelector {
   String m_host;
   int m_port = -1;
   String m_path;
+  // The decoded segments of m_path, worked out once: matching compares them
+  // for every URI.
+  TArray<String> m_prefix;
 };
 
 }  // namespace zel

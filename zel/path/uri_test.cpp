@@ -148,6 +148,25 @@ TEST(URITest, Normalization) {
   EXPECT_NE(uri("ss://A@h/").toNormalized(), uri("ss://a@h/").toNormalized());
 }
 
+TEST(URITest, NormalTextsStayAndNearMissesStillNormalise) {
+  for (const char* text : {"file:///srv/a/b.txt", "file:///a//b/", "ss://u@h:1/a/..b?q#f", "ss:/",
+                           "ss:a/b", "ss://h", "ss://h/.../..a", "ss://h/a/../b"}) {
+    const CURI u = uri(text);
+    EXPECT_EQ(u, u.toNormalized()) << text;
+    EXPECT_EQ(String(text), u.toNormalized().toString()) << text;
+  }
+  // One character away from a normal text: each must still be rewritten.
+  EXPECT_EQ(String("ss://h/a/"), uri("ss://h/a/.").toNormalized().toString());
+  EXPECT_EQ(String("ss://h/a/b"), uri("ss://h/./a/b").toNormalized().toString());
+  EXPECT_EQ(String("ss:a"), uri("ss:./a").toNormalized().toString());
+  EXPECT_EQ(String("ss:"), uri("ss:.").toNormalized().toString());
+  EXPECT_EQ(String("ss://h/a"), uri("sS://h/a").toNormalized().toString());
+  EXPECT_EQ(String("ss://hh/a"), uri("ss://hH/a").toNormalized().toString());
+  EXPECT_EQ(String("ss://h/~"), uri("ss://h/%7e").toNormalized().toString());
+  EXPECT_EQ(String("ss://h/a?~#~"), uri("ss://h/a?%7E#%7e").toNormalized().toString());
+  EXPECT_EQ(String("ss://%C3%A9@h/a"), uri("ss://%c3%a9@h/a").toNormalized().toString());
+}
+
 TEST(URITest, ComparisonAndOrdering) {
   EXPECT_EQ(uri("ss://h/a"), uri("ss://h/a"));
   EXPECT_NE(uri("ss://h/a"), uri("ss://H/a"));
@@ -189,6 +208,19 @@ TEST(URITest, NameParentAppend) {
   EXPECT_THROW(uri("ss://h/a").append(String("..")), CInvalidArgError);
   EXPECT_THROW(uri("ss://h/a").append(String(".")), CInvalidArgError);
   EXPECT_THROW(CURI().append(String("a")), CInvalidArgError);
+
+  // Several segments at once: the same as appending them one by one.
+  const TArray<String> several{String(""), String("x y"), String(""), String("%/"), String("b")};
+  for (const char* base : {"ss://h/a?q#f", "ss://h/a/", "ss://h", "ss:a", "ss:/"}) {
+    CURI oneByOne = uri(base);
+    for (const String& segment : several) oneByOne = oneByOne.append(segment);
+    EXPECT_EQ(oneByOne, uri(base).append(several)) << base;
+  }
+  EXPECT_EQ(String("ss://h/a/x%20y/%25%2F/b"), uri("ss://h/a").append(several).toString());
+  // Nothing to append leaves the URI as it is, query and fragment included.
+  EXPECT_EQ(uri("ss://h/a?q#f"), uri("ss://h/a?q#f").append(TArray<String>()));
+  EXPECT_THROW(uri("ss://h/a").append(TArray<String>{String("b"), String("..")}), CInvalidArgError);
+  EXPECT_THROW(CURI().append(TArray<String>()), CInvalidArgError);
 }
 
 TEST(URIFileTest, WindowsPaths) {

@@ -2,6 +2,7 @@
 
 #include <climits>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "zel/core/error.h"
@@ -494,28 +495,28 @@ void CProxyFileSystemServer::writeErrorResponse(CDataOutStream& out, std::except
 // URIs
 
 void CProxyFileSystemServer::validateAndSecurePath(String& path, bool backslashIsSeparator) {
-  std::wstring text = path.toStdWString();
-  if (backslashIsSeparator) {
+  if (backslashIsSeparator && path.getWxString().find(L'\\') != wxString::npos) {
+    std::wstring text = path.toStdWString();
     for (wchar_t& c : text) {
       if (c == L'\\') c = L'/';
     }
+    path = String(text);
   }
-  path = String(text);
+  const std::wstring text = path.toStdWString();
   if (text.find(L'\0') != std::wstring::npos) throwInvalidPath(path);
-  const std::wstring probe = text + L"/";
-  if (probe.find(L"/../") != std::wstring::npos || probe.find(L"//.../") != std::wstring::npos) {
-    throwInvalidPath(path);
-  }
+  // An empty name between separators, or a name of dots and blanks only
+  // (other than "."), is refused; that also covers every ".." name.
+  const std::wstring_view view(text);
   size_t start = 0;
   for (;;) {
-    const size_t end = text.find(L'/', start);
-    const std::wstring segment =
-        text.substr(start, end == std::wstring::npos ? std::wstring::npos : end - start);
+    const size_t end = view.find(L'/', start);
+    const std::wstring_view segment =
+        view.substr(start, end == std::wstring_view::npos ? std::wstring_view::npos : end - start);
     const bool first = start == 0;
-    const bool last = end == std::wstring::npos;
+    const bool last = end == std::wstring_view::npos;
     if (segment.empty()) {
       if (!first && !last) throwInvalidPath(path);
-    } else if (segment != L"." && segment.find_first_not_of(L". ") == std::wstring::npos) {
+    } else if (segment != L"." && segment.find_first_not_of(L". ") == std::wstring_view::npos) {
       throwInvalidPath(path);
     }
     if (last) break;
@@ -549,9 +550,7 @@ CProxyFileSystemServer::TargetLoc CProxyFileSystemServer::convertAbsoluteURI(con
     loc.clientURI = normalized;
     loc.shareIndex = i;
     if (share.rebase) {
-      CURI mapped = share.root;
-      for (const String& segment : loc.remainder) mapped = mapped.append(segment);
-      loc.uri = mapped;
+      loc.uri = share.root.append(loc.remainder);
     } else {
       loc.uri = normalized;
     }
