@@ -209,8 +209,10 @@ void CBackgroundOpThread::runImpl() {
         --m_jobCount;
       } else {
         // Reset while the list is locked: an add after this point sets the
-        // signal again, so the wait below cannot miss it.
+        // signal again, so the wait below cannot miss it. A stop requested
+        // before the reset would be lost with it: look at the request again.
         m_workSignal.reset();
+        if (!checkContinue()) break;
       }
     }
     if (job) {

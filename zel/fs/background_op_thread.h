@@ -23,7 +23,8 @@
 // a job, never while one runs. m_workSignal is set whenever a job is added or
 // a stop is requested; the worker resets it under the list mutex when it
 // finds the list empty, so a job added afterwards sets it again and no
-// wake-up is lost.
+// wake-up is lost; after that reset it looks at the stop request once more,
+// since a stop signalled just before the reset would otherwise be missed.
 //
 // Jobs hold counted references to the file system, the source stream and the
 // listener they were given, until they are dropped. The source stream is read
