@@ -40,10 +40,10 @@ int serve(const Args& args) {
   bool untilStdinCloses = false;
   for (size_t i = 0; i < args.size(); ++i) {
     if (args[i] == "--share" && i + 1 < args.size()) {
-      const zel::String spec = args[++i];
-      const int equals = spec.getWxString().Find('=');
+      const zel::String shareArg = args[++i];
+      const int equals = shareArg.getWxString().Find('=');
       if (equals <= 0) return serveUsage();
-      shares.push_back({spec.getWxString().Left(equals), spec.getWxString().Mid(equals + 1)});
+      shares.push_back({shareArg.getWxString().Left(equals), shareArg.getWxString().Mid(equals + 1)});
     } else if (args[i] == "--address" && i + 1 < args.size()) {
       addressName = args[++i];
     } else if (args[i] == "--global") {
