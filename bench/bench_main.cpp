@@ -2,7 +2,7 @@
 // program would, and taken down after the run.
 #include <benchmark/benchmark.h>
 
-#include "zel/core/zel_init.h"
+#include "zel/init/zel_init.h"
 
 int main(int argc, char** argv) {
   {

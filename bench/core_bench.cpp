@@ -6,7 +6,7 @@
 
 #include "zel/core/base.h"
 #include "zel/core/global.h"
-#include "zel/thread/thread_local_storage.h"
+#include "zel/core/thread_local_storage.h"
 
 namespace {
 

@@ -26,13 +26,13 @@
 
 #include "proxy_bench_raw.h"
 #include "zel/core/error.h"
-#include "zel/core/zel_init.h"
+#include "zel/init/zel_init.h"
 #include "zel/fs/local_file_system.h"
 #include "zel/fs/proxy/proxy_file_system_server.h"
 #include "zel/ipc/ipc_address.h"
 #include "zel/ipc/pipe.h"
 #include "zel/log/xml_log.h"
-#include "zel/path/uri_selector.h"
+#include "zel/fs/uri_selector.h"
 
 namespace {
 

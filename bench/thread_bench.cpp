@@ -8,7 +8,7 @@
 #include <mutex>
 #include <thread>
 
-#include "zel/thread/mutex.h"
+#include "zel/core/mutex.h"
 #include "zel/thread/mutex_with_starve_protection.h"
 #include "zel/thread/signal.h"
 

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "zel/core/error.h"
-#include "zel/path/uri_selector.h"
+#include "zel/fs/uri_selector.h"
 #include "zel/stream/buffer_stream.h"
 #include "zel/stream/data_stream.h"
 

@@ -4,7 +4,7 @@
 #include <zel/core/error.h>
 #include <zel/core/string.h>
 #include <zel/core/version.h>
-#include <zel/core/zel_init.h>
+#include <zel/init/zel_init.h>
 
 int main() {
   int result = 1;

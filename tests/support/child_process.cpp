@@ -8,7 +8,7 @@
 
 #include "zel/core/error.h"
 #include "zel/core/sys_error.h"
-#include "zel/core/zel_init.h"
+#include "zel/init/zel_init.h"
 #include "zel/log/xml_log.h"
 
 #if defined(_WIN32)

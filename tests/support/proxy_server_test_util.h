@@ -28,7 +28,7 @@
 #include "zel/path/path.h"
 #include "zel/stream/buffer_stream.h"
 #include "zel/stream/stored_error.h"
-#include "zel/thread/mutex.h"
+#include "zel/core/mutex.h"
 
 namespace zel::proxy_test {
 

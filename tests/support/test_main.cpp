@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "child_process.h"
-#include "zel/core/zel_init.h"
+#include "zel/init/zel_init.h"
 #include "zel/log/xml_log.h"
 
 int main(int argc, char** argv) {

@@ -4,7 +4,7 @@
 
 #include "tool.h"
 #include "zel/core/error.h"
-#include "zel/core/zel_init.h"
+#include "zel/init/zel_init.h"
 #include "zel/fs/local_file_system.h"
 #include "zel/fs/proxy/proxy_file_system.h"
 #include "zel/ipc/pipe.h"

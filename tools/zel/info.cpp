@@ -4,9 +4,9 @@
 #include "zel/core/error.h"
 #include "zel/core/string.h"
 #include "zel/core/version.h"
-#include "zel/core/zel_init.h"
+#include "zel/init/zel_init.h"
 #include "zel/log/xml_log.h"
-#include "zel/system/system_info.h"
+#include "zel/util/system_info.h"
 
 namespace zeltool {
 

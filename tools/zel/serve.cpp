@@ -7,11 +7,11 @@
 #include "process.h"
 #include "tool.h"
 #include "zel/core/error.h"
-#include "zel/core/zel_init.h"
+#include "zel/init/zel_init.h"
 #include "zel/fs/local_file_system.h"
 #include "zel/fs/proxy/proxy_file_system_service.h"
 #include "zel/path/path.h"
-#include "zel/path/uri_selector.h"
+#include "zel/fs/uri_selector.h"
 
 namespace zeltool {
 

@@ -43,7 +43,6 @@
 #include "zel/core/props.h"
 #include "zel/core/string.h"
 #include "zel/core/types.h"
-#include "zel/fs/lock_file.h"
 
 namespace zel {
 
@@ -221,18 +220,6 @@ class ZEL_API CFileCorruptedError : public CError {
   // The stream's URI (readable form) as the path; "The file is corrupted."
   // when the stream is null, has no URI or cannot tell. Defined with streams.
   explicit CFileCorruptedError(IInStream* stream);
-  P<CError> clone() const override;
-  [[noreturn]] void throwClone() const override;
-};
-
-// A lock file that someone else holds. No code of its own; the failure that
-// revealed the conflict, if any, is the cause.
-class ZEL_API CLockFileError : public CError {
- public:
-  // "Cannot get <kind> file lock on '<path>'. Already locked by someone else"
-  CLockFileError(const String& path, CLockFile::LockType type, const CError* cause = nullptr);
-  // "Cannot get <kind> file lock. Already locked by someone else."
-  explicit CLockFileError(CLockFile::LockType type, const CError* cause = nullptr);
   P<CError> clone() const override;
   [[noreturn]] void throwClone() const override;
 };

@@ -190,7 +190,6 @@ TEST(CErrorCloneTest, ThrowCloneKeepsTheMostDerivedClass) {
   expectRethrownAs(CInvalidArgError("f", "bad"));
   expectRethrownAs(CNotImplementedError("f"));
   expectRethrownAs(CFileCorruptedError("C:\\f"));
-  expectRethrownAs(CLockFileError("C:\\l", CLockFile::LockShared, &cause));
   expectRethrownAs(CCastError(nullptr, nullptr));
   expectRethrownAs(CSocketError(10054));
   expectRethrownAs(CStdExceptionError(std::runtime_error("x")));
@@ -225,13 +224,6 @@ TEST(CErrorSubclassTest, ProblemIsReadBackLeniently) {
   EXPECT_EQ(CFileSystemError::getProblem(makeProps({{"fileSysProblem", "99999999999"}})),
             CFileSystemError::ProblemUnknown);
   EXPECT_EQ(int(CFileSystemError::getProblem(makeProps({{"fileSysProblem", "12"}}))), 12);
-}
-
-TEST(CErrorSubclassTest, LockFileMessagesDifferInTheirFinalStop) {
-  EXPECT_EQ(narrow(CLockFileError("C:\\a.lock", CLockFile::LockExclusive).getMessage()),
-            "Cannot get exclusive file lock on 'C:\\a.lock'. Already locked by someone else");
-  EXPECT_EQ(narrow(CLockFileError(CLockFile::LockShared).getMessage()),
-            "Cannot get shared file lock. Already locked by someone else.");
 }
 
 TEST(CErrorSubclassTest, FixedMessages) {

@@ -3,7 +3,7 @@
 #include <stdexcept>
 
 #include "zel/core/error.h"
-#include "zel/thread/mutex.h"
+#include "zel/core/mutex.h"
 
 namespace zel {
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "zel/core/error.h"
-#include "zel/thread/mutex.h"
+#include "zel/core/mutex.h"
 
 namespace zel {
 namespace {

@@ -2,7 +2,7 @@
 
 #include "zel/core/error.h"
 #include "zel/core/type_name.h"
-#include "zel/thread/thread_local_storage.h"
+#include "zel/core/thread_local_storage.h"
 
 namespace zel {
 

@@ -39,7 +39,7 @@
 #include "zel/fs/file_system.h"
 #include "zel/path/uri.h"
 #include "zel/stream/stream.h"
-#include "zel/thread/mutex.h"
+#include "zel/core/mutex.h"
 #include "zel/thread/signal.h"
 #include "zel/thread/thread.h"
 

@@ -59,7 +59,7 @@
 #include "zel/core/types.h"
 #include "zel/path/time.h"
 #include "zel/path/uri.h"
-#include "zel/path/uri_selector.h"
+#include "zel/fs/uri_selector.h"
 #include "zel/stream/stream.h"
 
 namespace zel {

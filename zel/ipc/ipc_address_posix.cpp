@@ -9,7 +9,7 @@
 #include "zel/core/error.h"
 #include "zel/core/sys_error.h"
 #include "zel/ipc/ipc_address.h"
-#include "zel/system/cached_env_vars.h"
+#include "zel/util/cached_env_vars.h"
 
 namespace zel {
 

@@ -27,7 +27,7 @@
 #include "zel/ipc/ipc_address.h"
 #include "zel/ipc/pipe_client_open.h"
 #include "zel/ipc/unix_socket.h"
-#include "zel/thread/mutex.h"
+#include "zel/core/mutex.h"
 
 namespace zel {
 

@@ -9,7 +9,7 @@
 #include "zel/ipc/ipc_address.h"
 #include "zel/ipc/pipe_client_open.h"
 #include "zel/ipc/windows_pipe.h"
-#include "zel/thread/mutex.h"
+#include "zel/core/mutex.h"
 
 #include <sddl.h>
 

@@ -17,7 +17,7 @@
 #include "zel/core/global.h"
 #include "zel/core/string.h"
 #include "zel/path/time.h"
-#include "zel/thread/mutex.h"
+#include "zel/core/mutex.h"
 
 namespace zel {
 

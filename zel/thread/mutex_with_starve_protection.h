@@ -9,8 +9,8 @@
 // unlock() by a thread that does not hold the mutex does nothing.
 #pragma once
 
-#include "zel/thread/mutex.h"
-#include "zel/thread/thread_local_storage.h"
+#include "zel/core/mutex.h"
+#include "zel/core/thread_local_storage.h"
 
 namespace zel {
 

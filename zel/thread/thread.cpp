@@ -4,7 +4,7 @@
 
 #include "zel/log/xml_log.h"
 #include "zel/thread/thread_list.h"
-#include "zel/thread/thread_local_storage.h"
+#include "zel/core/thread_local_storage.h"
 #include "zel/thread/thread_platform.h"
 
 namespace zel {

@@ -25,7 +25,7 @@
 #pragma once
 
 #include "zel/core/error.h"
-#include "zel/thread/mutex.h"
+#include "zel/core/mutex.h"
 
 namespace zel {
 

@@ -5,7 +5,7 @@
 #include <list>
 
 #include "zel/core/global.h"
-#include "zel/thread/mutex.h"
+#include "zel/core/mutex.h"
 
 namespace zel {
 

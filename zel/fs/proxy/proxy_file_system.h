@@ -90,7 +90,7 @@
 #include "zel/ipc/connection.h"
 #include "zel/stream/buffer_stream.h"
 #include "zel/stream/data_stream.h"
-#include "zel/thread/mutex.h"
+#include "zel/core/mutex.h"
 
 namespace zel {
 

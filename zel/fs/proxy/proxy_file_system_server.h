@@ -138,7 +138,7 @@
 #include "zel/fs/proxy/share_confinement.h"
 #include "zel/ipc/connection.h"
 #include "zel/path/uri.h"
-#include "zel/path/uri_selector.h"
+#include "zel/fs/uri_selector.h"
 #include "zel/stream/data_stream.h"
 
 namespace zel {

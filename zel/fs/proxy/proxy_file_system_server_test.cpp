@@ -22,7 +22,7 @@
 #include "zel/fs/local_file_system.h"
 #include "zel/ipc/in_process_connection.h"
 #include "zel/log/xml_log.h"
-#include "zel/system/system_info.h"
+#include "zel/util/system_info.h"
 
 namespace zel {
 namespace {

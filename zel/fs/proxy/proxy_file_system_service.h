@@ -33,8 +33,8 @@
 #include "zel/ipc/connection.h"
 #include "zel/ipc/ipc_address.h"
 #include "zel/path/uri.h"
-#include "zel/path/uri_selector.h"
-#include "zel/thread/mutex.h"
+#include "zel/fs/uri_selector.h"
+#include "zel/core/mutex.h"
 
 namespace zel {
 

@@ -1,4 +1,4 @@
-#include "zel/system/system_info.h"
+#include "zel/util/system_info.h"
 
 #include <wx/version.h>
 

@@ -1,5 +1,5 @@
 #include "zel/internal/win_include.h"
-#include "zel/system/environment_platform.h"
+#include "zel/util/environment_platform.h"
 
 namespace zel {
 

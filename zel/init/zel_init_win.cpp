@@ -1,6 +1,6 @@
-#include "zel/core/zel_init_platform.h"
+#include "zel/init/zel_init_platform.h"
 #include "zel/internal/win_include.h"
-#include "zel/system/windows_com_init.h"
+#include "zel/util/windows_com_init.h"
 
 namespace zel {
 

@@ -1,4 +1,4 @@
-#include "zel/thread/mutex.h"
+#include "zel/core/mutex.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
-#include "zel/system/cached_env_vars.h"
+#include "zel/util/cached_env_vars.h"
 
-#include "zel/system/environment_platform.h"
+#include "zel/util/environment_platform.h"
 
 namespace zel {
 

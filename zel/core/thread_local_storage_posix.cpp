@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-#include "zel/thread/thread_local_storage_platform.h"
+#include "zel/core/thread_local_storage_platform.h"
 
 namespace zel::tls_platform {
 

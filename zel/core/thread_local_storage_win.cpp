@@ -1,7 +1,7 @@
 #include <cstdlib>
 
 #include "zel/internal/win_include.h"
-#include "zel/thread/thread_local_storage_platform.h"
+#include "zel/core/thread_local_storage_platform.h"
 
 namespace zel::tls_platform {
 

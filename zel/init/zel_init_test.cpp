@@ -1,11 +1,11 @@
-#include "zel/core/zel_init.h"
+#include "zel/init/zel_init.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 
-#include "zel/system/cached_env_vars.h"
-#include "zel/thread/thread_local_storage.h"
+#include "zel/util/cached_env_vars.h"
+#include "zel/core/thread_local_storage.h"
 
 namespace zel {
 namespace {

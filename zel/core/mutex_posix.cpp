@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-#include "zel/thread/mutex.h"
+#include "zel/core/mutex.h"
 
 namespace zel {
 

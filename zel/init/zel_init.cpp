@@ -1,4 +1,4 @@
-#include "zel/core/zel_init.h"
+#include "zel/init/zel_init.h"
 
 #include <clocale>
 #include <cstring>
@@ -7,12 +7,12 @@
 #include <wx/init.h>
 
 #include "zel/core/error.h"
-#include "zel/core/zel_init_platform.h"
-#include "zel/system/cached_env_vars.h"
-#include "zel/thread/mutex.h"
+#include "zel/init/zel_init_platform.h"
+#include "zel/util/cached_env_vars.h"
+#include "zel/core/mutex.h"
 #include "zel/log/xml_log.h"
 #include "zel/thread/thread_list.h"
-#include "zel/thread/thread_local_storage.h"
+#include "zel/core/thread_local_storage.h"
 
 namespace zel {
 

@@ -1,5 +1,5 @@
 #include "zel/internal/win_include.h"
-#include "zel/system/system_info.h"
+#include "zel/util/system_info.h"
 
 namespace zel {
 

@@ -1,4 +1,4 @@
-#include "zel/thread/thread_local_storage.h"
+#include "zel/core/thread_local_storage.h"
 
 #include <gtest/gtest.h>
 

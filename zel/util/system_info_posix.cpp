@@ -1,7 +1,7 @@
 #include <langinfo.h>
 #include <sys/utsname.h>
 
-#include "zel/system/system_info.h"
+#include "zel/util/system_info.h"
 
 namespace zel {
 

@@ -1,4 +1,4 @@
-#include "zel/core/zel_init_platform.h"
+#include "zel/init/zel_init_platform.h"
 
 namespace zel {
 

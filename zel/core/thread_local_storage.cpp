@@ -1,8 +1,8 @@
-#include "zel/thread/thread_local_storage.h"
+#include "zel/core/thread_local_storage.h"
 
 #include <memory>
 
-#include "zel/thread/thread_local_storage_platform.h"
+#include "zel/core/thread_local_storage_platform.h"
 
 namespace zel {
 

@@ -1,4 +1,4 @@
-#include "zel/path/uri_selector.h"
+#include "zel/fs/uri_selector.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 #include "zel/internal/win_include.h"
-#include "zel/thread/mutex.h"
+#include "zel/core/mutex.h"
 
 namespace zel {
 

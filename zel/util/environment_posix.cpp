@@ -1,4 +1,4 @@
-#include "zel/system/environment_platform.h"
+#include "zel/util/environment_platform.h"
 
 extern char** environ;
 

@@ -1,4 +1,4 @@
-#include "zel/system/windows_com_init.h"
+#include "zel/util/windows_com_init.h"
 
 #include "zel/internal/win_include.h"
 
