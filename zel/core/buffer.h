@@ -123,26 +123,28 @@ class TBuffer : public CBase {
   // Makes the capacity at least count by the growth rule:
   // max(count, capacity * growth factor), bounded by maxElements().
   void ensureCapacity(size_t count) {
-    if (count <= m_capacity) return;
-    if (count > maxElements()) throw std::bad_alloc();
-    const double grown = static_cast<double>(m_capacity) * m_growthFactor;
-    size_t target = count;
-    if (grown > static_cast<double>(count)) {
-      target = grown >= static_cast<double>(maxElements()) ? maxElements()
-                                                           : static_cast<size_t>(grown);
-      if (target < count) target = count;
-    }
-    reallocate(target);
+    if (count > m_capacity) reallocate(grownCapacity(count));
   }
   // Empties the buffer; the capacity stays allocated.
   void clear() { m_size = 0; }
 
+  // data may point into this buffer itself (b.append(b.getData(), n)): when
+  // the buffer grows, the old block is freed only after the copy.
   void append(const T* data, size_t count) {
     if (count == 0) return;
     if (count > maxElements() - m_size) throw std::bad_alloc();
-    ensureCapacity(m_size + count);
-    std::memcpy(static_cast<void*>(m_data.get() + m_size), data, count * sizeof(T));
-    m_size += count;
+    const size_t size = m_size + count;
+    if (size > m_capacity) {
+      const size_t capacity = grownCapacity(size);
+      Storage grown = allocate(capacity);
+      if (m_size) std::memcpy(static_cast<void*>(grown.get()), m_data.get(), m_size * sizeof(T));
+      std::memcpy(static_cast<void*>(grown.get() + m_size), data, count * sizeof(T));
+      m_data = std::move(grown);
+      m_capacity = capacity;
+    } else {
+      std::memmove(static_cast<void*>(m_data.get() + m_size), data, count * sizeof(T));
+    }
+    m_size = size;
   }
   void append(const T& value) { append(&value, 1); }
 
@@ -156,6 +158,14 @@ class TBuffer : public CBase {
   }
 
  private:
+  size_t grownCapacity(size_t count) const {
+    if (count > maxElements()) throw std::bad_alloc();
+    const double grown = static_cast<double>(m_capacity) * m_growthFactor;
+    if (grown <= static_cast<double>(count)) return count;
+    return grown >= static_cast<double>(maxElements()) ? maxElements()
+                                                       : static_cast<size_t>(grown);
+  }
+
   void reallocate(size_t capacity) {
     if (capacity > maxElements()) throw std::bad_alloc();
     Storage data = allocate(capacity);

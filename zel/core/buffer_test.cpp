@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <new>
 
@@ -90,6 +91,30 @@ TEST(BufferTest, RefusesImpossibleSizesBeforeAllocating) {
   EXPECT_THROW(b.append(b.getData(), huge), std::bad_alloc);
   EXPECT_EQ(b.getSize(), 1u);
   EXPECT_EQ(TBuffer<int64>::maxElements(), Bytes::maxElements() / 8);
+}
+
+TEST(BufferTest, AppendsItsOwnBytesWhileGrowing) {
+  // Full to capacity, so both appends below must reallocate while reading
+  // from the block being replaced (ASan reports a use after free otherwise).
+  const uint8 bytes[] = {1, 2, 3, 4};
+  Bytes b;
+  b.reserve(4);
+  b.append(bytes, 4);
+  b.append(b.getData(), b.getSize());
+  ASSERT_EQ(b.getSize(), 8u);
+  const uint8 doubled[] = {1, 2, 3, 4, 1, 2, 3, 4};
+  EXPECT_EQ(std::memcmp(b.getData(), doubled, 8), 0);
+
+  b.setGrowthFactor(1.0);
+  ASSERT_EQ(b.getCapacity(), b.getSize());
+  b.append(b[6]);
+  EXPECT_EQ(b.getSize(), 9u);
+  EXPECT_EQ(b[8], 3);
+  // Without growth.
+  b.reserve(32);
+  b.append(b.getData() + 1, 3);
+  EXPECT_EQ(b[9], 2);
+  EXPECT_EQ(b[11], 4);
 }
 
 TEST(BufferTest, CopiesAreIndependentValues) {
