@@ -38,6 +38,14 @@ P<TSimpleType<bool>> CRequireNewAllocFlag::getAllocatedWithNew() {
 
 void CRequireNewAllocFlag::raiseFlag() { getAllocatedWithNew()->setValue(true); }
 
+void CRequireNewAllocFlag::lowerFlag() noexcept {
+  try {
+    getAllocatedWithNew()->setValue(false);
+  } catch (...) {
+    // The flag exists once raiseFlag() succeeded, so this cannot fail.
+  }
+}
+
 void CRequireNewAllocFlag::takeFlag(const std::type_info& type) {
   P<TSimpleType<bool>> flag = getAllocatedWithNew();
   bool raised = flag->getValue();

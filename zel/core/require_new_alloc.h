@@ -26,6 +26,8 @@ class ZEL_API CRequireNewAllocFlag {
   static void disposeGlobalAllocatedWithNew() {}
 
   static void raiseFlag();
+  // Takes the flag down; never throws once raiseFlag() has run on the thread.
+  static void lowerFlag() noexcept;
   // Reads and clears the flag; throws when it was not raised.
   static void takeFlag(const std::type_info& type);
 };
@@ -33,10 +35,16 @@ class ZEL_API CRequireNewAllocFlag {
 template <class Base = CBase, class Derived = void>
 class TRequireNewAlloc : public Base, protected CRequireNewAllocFlag {
  public:
+  // The flag goes up before the memory is taken, so that nothing can fail
+  // while the memory has no owner; a failed allocation takes it down again.
   static void* operator new(std::size_t size, const CBase::RawNew& raw) {
-    void* memory = Base::operator new(size, raw);
     raiseFlag();
-    return memory;
+    try {
+      return Base::operator new(size, raw);
+    } catch (...) {
+      lowerFlag();
+      throw;
+    }
   }
   static void operator delete(void* p, const CBase::RawNew& raw) noexcept {
     Base::operator delete(p, raw);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <new>
 #include <thread>
 
 #include "zel/core/error.h"
@@ -46,6 +47,45 @@ TEST(RequireNewAllocTest, ObjectsBuiltElsewhereAreRefusedByName) {
   // A refused object leaves no flag behind for the next one.
   EXPECT_NO_THROW(createObject<CHeapOnly>(2));
   EXPECT_THROW(CHeapOnly(2), CError);
+}
+
+struct CFlagReader : CRequireNewAllocFlag {
+  static bool raised() { return getAllocatedWithNew()->getValue(); }
+};
+
+// A base whose allocation looks at the flag and may fail.
+class CFlagProbe : public CBase {
+ public:
+  static bool flagRaised() { return CFlagReader::raised(); }
+  static inline bool failNext = false;
+  static inline bool raisedWhenAllocating = false;
+  static void* operator new(std::size_t size, const RawNew& raw) {
+    raisedWhenAllocating = flagRaised();
+    if (failNext) {
+      failNext = false;
+      throw std::bad_alloc();
+    }
+    return CBase::operator new(size, raw);
+  }
+  static void operator delete(void* p, const RawNew& raw) noexcept { CBase::operator delete(p, raw); }
+  static void operator delete(void* p) noexcept { CBase::operator delete(p); }
+};
+
+class CProbedHeapOnly : public TRequireNewAlloc<CFlagProbe, CProbedHeapOnly> {};
+
+TEST(RequireNewAllocTest, FlagIsRaisedBeforeTheMemoryIsTaken) {
+  CFlagProbe::raisedWhenAllocating = false;
+  EXPECT_NO_THROW(createObject<CProbedHeapOnly>());
+  EXPECT_TRUE(CFlagProbe::raisedWhenAllocating);
+  EXPECT_FALSE(CFlagProbe::flagRaised());
+}
+
+TEST(RequireNewAllocTest, FailedAllocationLeavesNoFlagBehind) {
+  CFlagProbe::failNext = true;
+  EXPECT_THROW(createObject<CProbedHeapOnly>(), std::bad_alloc);
+  EXPECT_FALSE(CFlagProbe::flagRaised());
+  // Otherwise this stack object would be taken for one made with new.
+  EXPECT_THROW(CProbedHeapOnly(), CError);
 }
 
 TEST(RequireNewAllocTest, FlagIsPerThread) {
