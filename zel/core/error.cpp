@@ -108,8 +108,9 @@ String CError::getInternalDesc() const {
     desc += L'\'';
   }
   if (PC<CError> cause = getCause()) {
-    if (!desc.isEmpty()) desc += L' ';
-    desc += L'(';
+    // " (" even with nothing before it, so that a description reads the
+    // same whether or not the error has a code.
+    desc += L" (";
     desc += cause->getDesc();
     desc += L')';
   }

@@ -59,8 +59,11 @@ TEST(CErrorDescTest, InternalDescListsCodeParamsAndNestedCauses) {
                makeProps({{"func", "CreateFileW"}, {"action", "CFile::open"}}), &middle);
   EXPECT_EQ(narrow(outer.getInternalDesc()),
             "sys 5, func='CreateFileW', action='CFile::open' "
-            "(Read failed. [(Disk failure. [errno 5])])");
-  EXPECT_EQ(narrow(outer.getDesc()), "Cannot open. [" + narrow(outer.getInternalDesc()) + "]");
+            "(Read failed. [ (Disk failure. [errno 5])])");
+  EXPECT_EQ(narrow(outer.getDesc()),
+            "Cannot open. [sys 5, func='CreateFileW', action='CFile::open' "
+            "(Read failed. [ (Disk failure. [errno 5])])]");
+  EXPECT_EQ(narrow(middle.getInternalDesc()), " (Disk failure. [errno 5])");
 }
 
 TEST(CErrorDescTest, ErrorWithoutCodeOrParamsIsItsMessage) {

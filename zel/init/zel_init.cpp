@@ -106,8 +106,6 @@ CZelInit::CZelInit(bool initCom) {
   CThreadList::get();
 }
 
-// The network auto-mounter, once present, is de-initialised here, before the
-// helpers are disposed.
 CZelInit::~CZelInit() = default;
 
 void CZelInit::onApplicationExit() {
