@@ -49,6 +49,7 @@ void BM_CMutexWithStarveProtectionLockUnlock(benchmark::State& state) {
     mutex->lock();
     mutex->unlock();
   }
+  state.SetLabel("time <= 2x BM_CMutexLockUnlock");
 }
 BENCHMARK(BM_CMutexWithStarveProtectionLockUnlock);
 
@@ -149,6 +150,7 @@ void BM_CMutexWithStarveProtectionContended(benchmark::State& state) {
   zel::P<zel::CMutexWithStarveProtection> mutex =
       zel::createObject<zel::CMutexWithStarveProtection>();
   contended(state, *mutex);
+  state.SetLabel("time <= 3x BM_StdMutexContended");
 }
 BENCHMARK(BM_CMutexWithStarveProtectionContended)->UseRealTime();
 

@@ -15,7 +15,8 @@ A benchmark may state targets in its label, separated by commas:
     time <= 1.5x raw        median time at most 1.5 times the baseline's
     time < 1x peer          faster than the peer
     rate >= 0.7x raw        bytes per second at least 0.7 times the baseline's
-The relations are <, <=, > and >=; "raw" is the baseline, "peer" the peer.
+The relations are <, <=, > and >=; "raw" is the baseline, "peer" the peer,
+and a benchmark's own name (BM_...) names that benchmark of the same run.
 Every target is printed under its benchmark and once more in a summary at the
 end, as met or MISSED.
 """
@@ -29,7 +30,7 @@ NS_PER_UNIT = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
 # Parts that Google Benchmark appends to a name (how the run was set up);
 # left out when names are printed.
 RUN_SETTING = re.compile(r"/(iterations:\d+|repeats:\d+|min_time:[0-9.]+s?|real_time|manual_time)")
-TARGET = re.compile(r"^\s*(time|rate)\s*(<=|>=|<|>)\s*([0-9.]+)x\s*(raw|peer)\s*$")
+TARGET = re.compile(r"^\s*(time|rate)\s*(<=|>=|<|>)\s*([0-9.]+)x\s*(raw|peer|BM_\w+)\s*$")
 RELATIONS = {
     "<": lambda a, b: a < b,
     "<=": lambda a, b: a <= b,
@@ -92,6 +93,7 @@ def main(path):
         data = json.load(f)
     results = [Result(b) for b in data["benchmarks"] if b.get("aggregate_name") == "median"]
     results.sort(key=lambda r: r.order)
+    by_name = {r.name: r for r in results}
     baseline = None
     peer = None
     summary = []
@@ -103,7 +105,7 @@ def main(path):
                 ratios += f"  {result.ns / peer.ns:6.2f}x {peer.name}"
         print(f"{result.name:45s} {result.time:10.2f} {result.unit:2s}{describe_rate(result)}  {ratios}")
         for target in parse_targets(result.label):
-            text, met = check(result, target, {"raw": baseline, "peer": peer})
+            text, met = check(result, target, {**by_name, "raw": baseline, "peer": peer})
             verdict = {True: "met", False: "MISSED", None: "not judged"}[met]
             print(f"    target {text}: {verdict}")
             summary.append(f"{verdict:10s} {result.name}: {text}")

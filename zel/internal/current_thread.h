@@ -6,6 +6,10 @@
 namespace zel {
 
 uint64 getCurrentOSThreadID();
+// A cheap non-zero value that tells the calling thread from every other
+// living thread (pthread_self on Linux, the thread ID on Windows); not an OS
+// thread ID on Linux.
+uint64 getCurrentThreadToken();
 int64 getCurrentOSProcessID();
 
 }  // namespace zel

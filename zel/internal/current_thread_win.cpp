@@ -5,6 +5,8 @@ namespace zel {
 
 uint64 getCurrentOSThreadID() { return GetCurrentThreadId(); }
 
+uint64 getCurrentThreadToken() { return GetCurrentThreadId(); }
+
 int64 getCurrentOSProcessID() { return GetCurrentProcessId(); }
 
 }  // namespace zel
