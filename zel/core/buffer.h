@@ -147,6 +147,15 @@ class TBuffer : public CBase {
     m_size = size;
   }
   void append(const T& value) { append(&value, 1); }
+  // Counts count more elements as used when the capacity holds them, and
+  // returns where they start, for the caller to fill; null (and nothing
+  // changed) when it does not. The fast path of small appends.
+  T* tryExtend(size_t count) {
+    if (count > m_capacity - m_size) return nullptr;
+    T* room = m_data.get() + m_size;
+    m_size += count;
+    return room;
+  }
 
   // Unchecked, like a plain array: index must be below getSize().
   T& operator[](size_t index) { return m_data[index]; }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <new>
 
 #include "zel/core/error.h"
@@ -81,6 +82,13 @@ void CBufferStream::close() { m_closed = true; }
 void CBufferStream::read(void* buffer, int bytes) {
   const int got = readLax(buffer, bytes);
   if (got < bytes) throwIOError(CIOError::UnexpectedEnd, String(), CProps());
+}
+
+void CBufferStream::readShort(void* data, size_t bytes) {
+  if (bytes > static_cast<size_t>(std::numeric_limits<int>::max())) {
+    throw CInvalidArgError("CBufferStream::read", "bytes must fit an int");
+  }
+  read(data, static_cast<int>(bytes));
 }
 
 int CBufferStream::readLax(void* buffer, int bytes) {

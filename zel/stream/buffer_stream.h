@@ -26,6 +26,8 @@
 // Not synchronised, like every stream.
 #pragma once
 
+#include <cstring>
+
 #include "zel/core/buffer.h"
 #include "zel/core/export.h"
 #include "zel/core/string.h"
@@ -92,11 +94,36 @@ class ZEL_API CBufferStream : public CBase, public IIOStream {
   int getBufferAlign() override;
   int getBestPerformancePositionAlign() override;
 
+  // The same as write() and read() of bytes, without a virtual call on the
+  // common path (appending to an open, writable stream; reading what is
+  // there). The data streams use them for every value.
+  void writeDirect(const void* data, size_t bytes) {
+    if (m_position == m_buffer->getSize() && !(m_closed | m_readOnly)) {
+      if (unsigned char* room = m_buffer->tryExtend(bytes)) {
+        if (bytes) std::memcpy(room, data, bytes);
+        m_position += bytes;
+        return;
+      }
+    }
+    writeBytes(static_cast<const unsigned char*>(data), bytes);
+  }
+  void readDirect(void* data, size_t bytes) {
+    const size_t size = m_buffer->getSize();
+    if (m_position <= size && bytes <= size - m_position && !m_closed) {
+      if (bytes) std::memcpy(data, m_buffer->getData() + m_position, bytes);
+      m_position += bytes;
+    } else {
+      readShort(data, bytes);
+    }
+  }
+
  private:
   void checkOpen() const;
   void checkWritable() const;
   [[noreturn]] void throwIOError(int code, const String& message, CProps params) const;
   void writeBytes(const unsigned char* data, size_t bytes);
+  // read() when fewer than bytes are left (or the stream is closed).
+  void readShort(void* data, size_t bytes);
 
   P<Buffer> m_buffer;
   size_t m_position = 0;

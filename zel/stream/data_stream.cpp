@@ -1,5 +1,6 @@
 #include "zel/stream/data_stream.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -13,18 +14,6 @@ namespace zel {
 namespace {
 
 constexpr size_t kMaxTextBytes = static_cast<size_t>(std::numeric_limits<int32>::max());
-
-template <class U>
-void putLittleEndian(unsigned char* out, U value) {
-  for (size_t i = 0; i < sizeof(U); ++i) out[i] = static_cast<unsigned char>(value >> (8 * i));
-}
-
-template <class U>
-U getLittleEndian(const unsigned char* in) {
-  U value = 0;
-  for (size_t i = 0; i < sizeof(U); ++i) value = static_cast<U>(value | (U(in[i]) << (8 * i)));
-  return value;
-}
 
 // UTF-8 as RFC 3629 defines it: shortest forms only, no surrogates, nothing
 // above U+10FFFF. wxWidgets' decoder accepts encoded surrogates, which give a
@@ -84,61 +73,17 @@ void reallocate(MallocBuffer& buffer, size_t capacity) {
 
 // --- CDataOutStream -----------------------------------------------------------
 
-CDataOutStream::CDataOutStream(IOutStream* inner) : m_inner(inner) {
+CDataOutStream::CDataOutStream(IOutStream* inner)
+    : m_inner(inner), m_memory(dynamic_cast<CBufferStream*>(inner)) {
   if (!inner) throw CInvalidArgError("CDataOutStream::CDataOutStream", "the inner stream is null");
 }
 
 CDataOutStream::~CDataOutStream() = default;
 
-CDataOutStream& CDataOutStream::writeInt8(char value) {
-  return writeUInt8(static_cast<unsigned char>(value));
-}
-
-CDataOutStream& CDataOutStream::writeUInt8(unsigned char value) {
-  m_inner->write(&value, 1);
-  return *this;
-}
-
-CDataOutStream& CDataOutStream::writeInt16(short value) {
-  return writeUInt16(static_cast<unsigned short>(value));
-}
-
-CDataOutStream& CDataOutStream::writeUInt16(unsigned short value) {
-  unsigned char bytes[2];
-  putLittleEndian<uint16>(bytes, value);
-  m_inner->write(bytes, 2);
-  return *this;
-}
-
-CDataOutStream& CDataOutStream::writeInt32(int value) {
-  return writeUInt32(static_cast<unsigned int>(value));
-}
-
-CDataOutStream& CDataOutStream::writeUInt32(unsigned int value) {
-  unsigned char bytes[4];
-  putLittleEndian<uint32>(bytes, value);
-  m_inner->write(bytes, 4);
-  return *this;
-}
-
-CDataOutStream& CDataOutStream::writeInt64(int64 value) {
-  return writeUInt64(static_cast<uint64>(value));
-}
-
-CDataOutStream& CDataOutStream::writeUInt64(uint64 value) {
-  unsigned char bytes[8];
-  putLittleEndian<uint64>(bytes, value);
-  m_inner->write(bytes, 8);
-  return *this;
-}
-
-CDataOutStream& CDataOutStream::writeBool(bool value) { return writeUInt8(value ? 1 : 0); }
-
 CDataOutStream& CDataOutStream::writeDouble(double value) {
   signed char bytes[10];
   convertToIeeeExtended(value, bytes);
-  m_inner->write(bytes, 10);
-  return *this;
+  return put(bytes, 10);
 }
 
 CDataOutStream& CDataOutStream::writeString(const String& value) {
@@ -173,7 +118,7 @@ void CDataOutStream::writeText(const char* text, size_t length, const char* func
                                          " bytes");
   }
   writeInt32(static_cast<int>(length));
-  if (length > 0) m_inner->write(text, static_cast<int>(length));
+  if (length > 0) put(text, length);
 }
 
 template <class Write>
@@ -263,49 +208,16 @@ void CDataOutStream::setLength(int64 length) { m_inner->setLength(length); }
 
 // --- CDataInStream ------------------------------------------------------------
 
-CDataInStream::CDataInStream(IInStream* inner) : m_inner(inner) {
+CDataInStream::CDataInStream(IInStream* inner)
+    : m_inner(inner), m_memory(dynamic_cast<CBufferStream*>(inner)) {
   if (!inner) throw CInvalidArgError("CDataInStream::CDataInStream", "the inner stream is null");
 }
 
 CDataInStream::~CDataInStream() = default;
 
-char CDataInStream::readInt8() { return static_cast<char>(readUInt8()); }
-
-unsigned char CDataInStream::readUInt8() {
-  unsigned char value;
-  m_inner->read(&value, 1);
-  return value;
-}
-
-short CDataInStream::readInt16() { return static_cast<short>(readUInt16()); }
-
-unsigned short CDataInStream::readUInt16() {
-  unsigned char bytes[2];
-  m_inner->read(bytes, 2);
-  return getLittleEndian<uint16>(bytes);
-}
-
-int CDataInStream::readInt32() { return static_cast<int>(readUInt32()); }
-
-unsigned int CDataInStream::readUInt32() {
-  unsigned char bytes[4];
-  m_inner->read(bytes, 4);
-  return getLittleEndian<uint32>(bytes);
-}
-
-int64 CDataInStream::readInt64() { return static_cast<int64>(readUInt64()); }
-
-uint64 CDataInStream::readUInt64() {
-  unsigned char bytes[8];
-  m_inner->read(bytes, 8);
-  return getLittleEndian<uint64>(bytes);
-}
-
-bool CDataInStream::readBool() { return readUInt8() != 0; }
-
 double CDataInStream::readDouble() {
   signed char bytes[10];
-  m_inner->read(bytes, 10);
+  take(bytes, 10);
   return convertFromIeeeExtended(bytes);
 }
 
@@ -319,51 +231,6 @@ String CDataInStream::readString() {
   return String::fromUTF8(bytes.get(), size);
 }
 
-CDataInStream& CDataInStream::readInt8(char& value) {
-  value = readInt8();
-  return *this;
-}
-CDataInStream& CDataInStream::readUInt8(unsigned char& value) {
-  value = readUInt8();
-  return *this;
-}
-CDataInStream& CDataInStream::readInt16(short& value) {
-  value = readInt16();
-  return *this;
-}
-CDataInStream& CDataInStream::readUInt16(unsigned short& value) {
-  value = readUInt16();
-  return *this;
-}
-CDataInStream& CDataInStream::readInt32(int& value) {
-  value = readInt32();
-  return *this;
-}
-CDataInStream& CDataInStream::readUInt32(unsigned int& value) {
-  value = readUInt32();
-  return *this;
-}
-CDataInStream& CDataInStream::readInt64(int64& value) {
-  value = readInt64();
-  return *this;
-}
-CDataInStream& CDataInStream::readUInt64(uint64& value) {
-  value = readUInt64();
-  return *this;
-}
-CDataInStream& CDataInStream::readBool(bool& value) {
-  value = readBool();
-  return *this;
-}
-CDataInStream& CDataInStream::readDouble(double& value) {
-  value = readDouble();
-  return *this;
-}
-CDataInStream& CDataInStream::readString(String& value) {
-  value = readString();
-  return *this;
-}
-
 char* CDataInStream::readUTF8() {
   int length = 0;
   return readUTF8(length);
@@ -374,33 +241,22 @@ char* CDataInStream::readUTF8(int& length) {
   if (count < 0) throwError(CIOError::InvalidData);
   const size_t total = static_cast<size_t>(count);
 
-  // A stream that knows its length tells at once whether the text can be
-  // there; then one block of the exact size is enough.
-  const int64 streamLength = m_inner->getLength();
-  size_t capacity = total;
-  if (streamLength >= 0) {
-    const int64 remaining = streamLength - m_inner->getPosition();
-    if (count > 0 && count > remaining) {
-      throwError(CIOError::InvalidData, "Text length of " + String::fromInt64(count) +
-                                            " bytes exceeds the " +
-                                            String::fromInt64(remaining < 0 ? 0 : remaining) +
-                                            " bytes left in the stream.");
-    }
-  } else if (capacity > static_cast<size_t>(firstTextChunk())) {
-    capacity = static_cast<size_t>(firstTextChunk());
-  }
-
+  // The length field may lie (a corrupt or hostile stream), and asking the
+  // stream how much it still holds costs round trips on some streams: read
+  // in chunks instead, the first of firstTextChunk() bytes, the buffer
+  // doubling after each, so that what is allocated stays within about twice
+  // what has really arrived. A text cut short fails with the inner stream's
+  // own error.
+  size_t capacity = std::min(total, static_cast<size_t>(firstTextChunk()));
   MallocBuffer buffer(static_cast<char*>(std::malloc(capacity + 1)));
   if (!buffer) throw std::bad_alloc();
-  // Of unknown length: each chunk fills the buffer, which then doubles, so
-  // what is allocated stays within about twice what has arrived.
   size_t done = 0;
   while (done < total) {
     if (done == capacity) {
       capacity = capacity > total - capacity ? total : capacity * 2;
       reallocate(buffer, capacity + 1);
     }
-    m_inner->read(buffer.get() + done, static_cast<int>(capacity - done));
+    take(buffer.get() + done, capacity - done);
     done = capacity;
   }
   buffer.get()[total] = 0;

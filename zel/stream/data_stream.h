@@ -6,6 +6,10 @@
 // stream operation is passed straight to it. Each fixed-size value is one
 // call of the inner stream's write() or strict read(), so it is transferred
 // whole or the inner stream throws; a text is its length, then its bytes.
+// When the inner stream is a CBufferStream, values go straight into and out
+// of its memory (CBufferStream::writeDirect / readDirect, with the same
+// results) rather than through a virtual call each: the encoding is the hot
+// path of every proxy call.
 //
 // Encoding (no alignment, padding or type tags):
 //   Int8 / UInt8          1 byte
@@ -43,17 +47,15 @@
 // to an Int32. Pointers other than const char* and const wchar_t* do not
 // compile either, rather than silently writing a bool.
 //
-// Reading text is bounded by what the stream can deliver, so that a corrupt
-// or hostile length field cannot make the reader allocate more than the data
-// that is really there:
+// Reading text is bounded by what the stream really delivers, so that a
+// corrupt or hostile length field cannot make the reader allocate more than
+// the data that is there, and it asks the inner stream for nothing but the
+// bytes (no length or position, which cost round trips on remote streams):
 //   - a negative length throws CIOError InvalidData at once;
-//   - when the inner stream knows its length (getLength() >= 0, asked once
-//     per text), a length beyond getLength() - getPosition() throws CIOError
-//     InvalidData before anything is allocated or read;
-//   - otherwise the text is read in chunks, the first of 64 KiB, each further
-//     one doubling the buffer, so a length that the data does not fill fails
-//     with the inner stream's end-of-data error having allocated no more
-//     than 64 KiB or about twice what actually arrived, whichever is more.
+//   - the text is read in chunks, the first of 64 KiB, each further one
+//     doubling the buffer, so a length that the data does not fill fails with
+//     the inner stream's own end-of-data error having allocated no more than
+//     64 KiB or about twice what actually arrived, whichever is more.
 // The errors thrown here carry the stream's URI under CIOError::paramURI()
 // when it has one. Failures of the inner stream pass through unchanged.
 //
@@ -68,11 +70,14 @@
 // by one thread at a time.
 #pragma once
 
+#include <bit>
+
 #include "zel/core/base.h"
 #include "zel/core/error.h"
 #include "zel/core/export.h"
 #include "zel/core/string.h"
 #include "zel/core/types.h"
+#include "zel/stream/buffer_stream.h"
 #include "zel/stream/stream.h"
 
 namespace zel {
@@ -88,15 +93,15 @@ class ZEL_API CDataOutStream : public CBase, public IOutStream {
 
   P<IOutStream> getInnerStream() const { return m_inner; }
 
-  CDataOutStream& writeInt8(char value);
-  CDataOutStream& writeUInt8(unsigned char value);
-  CDataOutStream& writeInt16(short value);
-  CDataOutStream& writeUInt16(unsigned short value);
-  CDataOutStream& writeInt32(int value);
-  CDataOutStream& writeUInt32(unsigned int value);
-  CDataOutStream& writeInt64(int64 value);
-  CDataOutStream& writeUInt64(uint64 value);
-  CDataOutStream& writeBool(bool value);
+  CDataOutStream& writeInt8(char value) { return writeUInt8(static_cast<unsigned char>(value)); }
+  CDataOutStream& writeUInt8(unsigned char value) { return put(&value, 1); }
+  CDataOutStream& writeInt16(short value) { return writeUInt16(static_cast<unsigned short>(value)); }
+  CDataOutStream& writeUInt16(unsigned short value) { return putLittleEndian<uint16>(value); }
+  CDataOutStream& writeInt32(int value) { return writeUInt32(static_cast<unsigned int>(value)); }
+  CDataOutStream& writeUInt32(unsigned int value) { return putLittleEndian<uint32>(value); }
+  CDataOutStream& writeInt64(int64 value) { return writeUInt64(static_cast<uint64>(value)); }
+  CDataOutStream& writeUInt64(uint64 value) { return putLittleEndian<uint64>(value); }
+  CDataOutStream& writeBool(bool value) { return writeUInt8(value ? 1 : 0); }
   CDataOutStream& writeDouble(double value);
   CDataOutStream& writeString(const String& value);
   // The bytes up to the first zero byte, unchanged, as a text.
@@ -151,6 +156,27 @@ class ZEL_API CDataOutStream : public CBase, public IOutStream {
   void setLength(int64 length) override;
 
  private:
+  // Every value goes out through put(): straight into the memory of a
+  // CBufferStream inner stream, through write() otherwise.
+  CDataOutStream& put(const void* bytes, size_t count) {
+    if (m_memory) {
+      m_memory->writeDirect(bytes, count);
+    } else {
+      m_inner->write(bytes, static_cast<int>(count));
+    }
+    return *this;
+  }
+  template <class U>
+  CDataOutStream& putLittleEndian(U value) {
+    if constexpr (std::endian::native != std::endian::little) {
+      U swapped = 0;
+      for (size_t i = 0; i < sizeof(U); ++i) swapped = U(swapped << 8) | U((value >> (8 * i)) & 0xFF);
+      value = swapped;
+    }
+    // The value's own bytes: one store of the whole value (bytes assembled
+    // one by one would be read back at a store-forwarding penalty).
+    return put(&value, sizeof(U));
+  }
   // Writes the length prefix and the bytes [text, text + length).
   void writeText(const char* text, size_t length, const char* function);
   // Runs write at position and restores the position afterwards.
@@ -158,6 +184,8 @@ class ZEL_API CDataOutStream : public CBase, public IOutStream {
   CDataOutStream& patch(int64 position, Write&& write);
 
   P<IOutStream> m_inner;
+  // m_inner when it is a memory stream, else null.
+  CBufferStream* m_memory = nullptr;
 };
 
 class ZEL_API CDataInStream : public CBase, public IInStream {
@@ -174,29 +202,33 @@ class ZEL_API CDataInStream : public CBase, public IInStream {
   // The first chunk of a text read from a stream of unknown length.
   static constexpr int firstTextChunk() { return 64 * 1024; }
 
-  char readInt8();
-  unsigned char readUInt8();
-  short readInt16();
-  unsigned short readUInt16();
-  int readInt32();
-  unsigned int readUInt32();
-  int64 readInt64();
-  uint64 readUInt64();
-  bool readBool();
+  char readInt8() { return static_cast<char>(readUInt8()); }
+  unsigned char readUInt8() {
+    unsigned char value;
+    take(&value, 1);
+    return value;
+  }
+  short readInt16() { return static_cast<short>(readUInt16()); }
+  unsigned short readUInt16() { return takeLittleEndian<uint16>(); }
+  int readInt32() { return static_cast<int>(readUInt32()); }
+  unsigned int readUInt32() { return takeLittleEndian<uint32>(); }
+  int64 readInt64() { return static_cast<int64>(readUInt64()); }
+  uint64 readUInt64() { return takeLittleEndian<uint64>(); }
+  bool readBool() { return readUInt8() != 0; }
   double readDouble();
   String readString();
 
-  CDataInStream& readInt8(char& value);
-  CDataInStream& readUInt8(unsigned char& value);
-  CDataInStream& readInt16(short& value);
-  CDataInStream& readUInt16(unsigned short& value);
-  CDataInStream& readInt32(int& value);
-  CDataInStream& readUInt32(unsigned int& value);
-  CDataInStream& readInt64(int64& value);
-  CDataInStream& readUInt64(uint64& value);
-  CDataInStream& readBool(bool& value);
-  CDataInStream& readDouble(double& value);
-  CDataInStream& readString(String& value);
+  CDataInStream& readInt8(char& value) { return assign(value, readInt8()); }
+  CDataInStream& readUInt8(unsigned char& value) { return assign(value, readUInt8()); }
+  CDataInStream& readInt16(short& value) { return assign(value, readInt16()); }
+  CDataInStream& readUInt16(unsigned short& value) { return assign(value, readUInt16()); }
+  CDataInStream& readInt32(int& value) { return assign(value, readInt32()); }
+  CDataInStream& readUInt32(unsigned int& value) { return assign(value, readUInt32()); }
+  CDataInStream& readInt64(int64& value) { return assign(value, readInt64()); }
+  CDataInStream& readUInt64(uint64& value) { return assign(value, readUInt64()); }
+  CDataInStream& readBool(bool& value) { return assign(value, readBool()); }
+  CDataInStream& readDouble(double& value) { return assign(value, readDouble()); }
+  CDataInStream& readString(String& value) { return assign(value, readString()); }
 
   // A length-prefixed byte string as a new buffer of N + 1 bytes, the last
   // one zero (the N bytes may hold zeros of their own). The caller owns it and
@@ -245,7 +277,35 @@ class ZEL_API CDataInStream : public CBase, public IInStream {
   [[noreturn]] void throwError(CIOError::Code code, const String& message);
 
  private:
+  // Every value comes in through take(): straight from the memory of a
+  // CBufferStream inner stream, through the strict read() otherwise.
+  void take(void* bytes, size_t count) {
+    if (m_memory) {
+      m_memory->readDirect(bytes, count);
+    } else {
+      m_inner->read(bytes, static_cast<int>(count));
+    }
+  }
+  template <class U>
+  U takeLittleEndian() {
+    U value;
+    take(&value, sizeof(U));
+    if constexpr (std::endian::native != std::endian::little) {
+      U swapped = 0;
+      for (size_t i = 0; i < sizeof(U); ++i) swapped = U(swapped << 8) | U((value >> (8 * i)) & 0xFF);
+      value = swapped;
+    }
+    return value;
+  }
+  template <class T, class V>
+  CDataInStream& assign(T& target, V&& value) {
+    target = static_cast<V&&>(value);
+    return *this;
+  }
+
   P<IInStream> m_inner;
+  // m_inner when it is a memory stream, else null.
+  CBufferStream* m_memory = nullptr;
 };
 
 }  // namespace zel

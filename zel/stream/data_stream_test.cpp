@@ -55,11 +55,16 @@ class CScriptedInStream : public CBase, public IInStream {
       : m_bytes(std::move(bytes)), m_lengthKnown(lengthKnown) {}
 
   std::vector<int> readSizes;  // every read() request, in order
+  mutable int lengthOrPositionAsked = 0;
 
   int64 getLength() const override {
+    ++lengthOrPositionAsked;
     return m_lengthKnown ? static_cast<int64>(m_bytes.size()) : -1;
   }
-  int64 getPosition() const override { return static_cast<int64>(m_position); }
+  int64 getPosition() const override {
+    ++lengthOrPositionAsked;
+    return static_cast<int64>(m_position);
+  }
   CURI getURI() override { return m_uri; }
   void seek(int64) override { throw CNotImplementedError("CScriptedInStream::seek"); }
   P<IStreamLock> lockRange(int64, int64, LockType) override {
@@ -68,7 +73,9 @@ class CScriptedInStream : public CBase, public IInStream {
   void close() override {}
   void read(void* buffer, int bytes) override {
     readSizes.push_back(bytes);
-    if (readLax(buffer, bytes) < bytes) throw CIOError(CIOError::UnexpectedEnd);
+    if (readLax(buffer, bytes) < bytes) {
+      throw CIOError(CIOError::UnexpectedEnd, "Scripted stream ended.", CProps());
+    }
   }
   int readLax(void* buffer, int bytes) override {
     const size_t count =
@@ -365,29 +372,31 @@ TEST(CDataInStreamTest, NegativeLengthFailsWithoutReadingFurther) {
   }
 }
 
-TEST(CDataInStreamTest, LengthBeyondAKnownEndFailsBeforeReading) {
-  // A length near 2 GiB on a stream of a few bytes: refused at once, with no
-  // read (and so no buffer) for the text.
-  Bytes bytes = lengthPrefix(0x7FFFFFF0);
-  bytes.insert(bytes.end(), {'a', 'b'});
-  P<CScriptedInStream> inner = createObject<CScriptedInStream>(bytes, true);
-  inner->setURI(CURI("file:///data/in%20put.bin"));
-  P<CDataInStream> in = createObject<CDataInStream>(inner.get());
-  const CIOError error = expectIOError([&] { free(in->readUTF8()); });
-  EXPECT_TRUE(error.isError("IO", CIOError::InvalidData));
-  EXPECT_EQ(error.getParams().get(CIOError::paramURI()), String("file:///data/in%20put.bin"));
-  EXPECT_EQ(error.getMessage(),
-            String("Text length of 2147483632 bytes exceeds the 2 bytes left in the stream."));
-  EXPECT_EQ(inner->readSizes, std::vector<int>{4});
+TEST(CDataInStreamTest, TextCutShortFailsWithTheStreamsOwnError) {
+  // A length near 2 GiB on a stream of a few bytes, whether or not the stream
+  // knows its length: the reader never asks (a round trip each on a remote
+  // stream), reads one first chunk and passes the stream's error on as it is.
+  for (bool known : {true, false}) {
+    Bytes bytes = lengthPrefix(0x7FFFFFF0);
+    bytes.insert(bytes.end(), {'a', 'b'});
+    P<CScriptedInStream> inner = createObject<CScriptedInStream>(bytes, known);
+    P<CDataInStream> in = createObject<CDataInStream>(inner.get());
+    const CIOError error = expectIOError([&] { free(in->readUTF8()); });
+    EXPECT_TRUE(error.isError("IO", CIOError::UnexpectedEnd));
+    EXPECT_EQ(error.getMessage(), String("Scripted stream ended."));
+    EXPECT_EQ(inner->readSizes, (std::vector<int>{4, CDataInStream::firstTextChunk()}));
+    EXPECT_EQ(inner->lengthOrPositionAsked, 0);
+  }
 
-  // One byte too many is refused as well; exactly enough is read.
+  // One byte too many on a memory stream: the memory stream's end-of-data
+  // error; exactly enough is read.
   Bytes exact = lengthPrefix(2);
   exact.insert(exact.end(), {'a', 'b'});
   Bytes over = lengthPrefix(3);
   over.insert(over.end(), {'a', 'b'});
   EXPECT_EQ(readerOf(exact)->readString(), String("ab"));
   EXPECT_EQ(expectIOError([&] { readerOf(over)->readString(); }).getErrorCode(),
-            CIOError::InvalidData);
+            CIOError::UnexpectedEnd);
 }
 
 TEST(CDataInStreamTest, UnknownLengthReadsInGrowingChunks) {
