@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <string>
+#include <typeinfo>
 
 #include "zel/core/error.h"
 #include "zel/core/utf8.h"
@@ -57,8 +58,10 @@ void setLength(int* length, size_t value) {
 
 // UTF-8 is the library's own codec (zel/core/utf8.h) rather than wxWidgets':
 // one judgement of what is well-formed on every platform, and no lone
-// surrogate written as three bytes on Linux.
-bool isUTF8(const wxMBConv& conv) { return &conv == &wxConvUTF8; }
+// surrogate written as three bytes on Linux. The converter is told by its
+// type, not its address: where wxWidgets is linked statically (Windows), the
+// caller's wxConvUTF8 is another object than the library's.
+bool isUTF8(const wxMBConv& conv) { return typeid(conv) == typeid(wxMBConvStrictUTF8); }
 
 // Encodes with the codec, escaped bytes restored or refused; a null buffer
 // when some character cannot be encoded.
