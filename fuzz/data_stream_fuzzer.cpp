@@ -14,8 +14,8 @@
 //   - bool: any non-zero byte reads true and is written as 01;
 //   - double: 80-bit values that no double encodes to (extra mantissa bits,
 //     NaNs, out of range, unnormals) read as a nearby double;
-//   - text: bytes that are not UTF-8 read as Latin-1, and a zero byte cuts a
-//     text when it is written;
+//   - text: a zero byte cuts a text when it is written (any other bytes,
+//     UTF-8 or not, are written back as they were read);
 //   - stored errors: the texts inside them as above, and any non-zero
 //     has-cause byte.
 // Allocations stay bounded by the input: run with -malloc_limit_mb to check.
@@ -94,41 +94,6 @@ P<CDataInStream> readerOf(const Bytes& bytes) {
   return createObject<CDataInStream>(buffer.get());
 }
 
-// Strict UTF-8 as the encoder writes it: shortest forms, no surrogates,
-// nothing above U+10FFFF. Written here so that the check does not lean on the
-// converter under test.
-bool isStrictUtf8(const unsigned char* p, size_t n) {
-  for (size_t i = 0; i < n;) {
-    const unsigned char b = p[i];
-    if (b < 0x80) {
-      ++i;
-      continue;
-    }
-    int extra = 0;
-    if (b >= 0xC2 && b <= 0xDF) {
-      extra = 1;
-    } else if (b >= 0xE0 && b <= 0xEF) {
-      extra = 2;
-    } else if (b >= 0xF0 && b <= 0xF4) {
-      extra = 3;
-    } else {
-      return false;
-    }
-    uint32_t cp = b & (0x3Fu >> extra);
-    if (i + static_cast<size_t>(extra) >= n) return false;
-    for (int k = 1; k <= extra; ++k) {
-      if ((p[i + k] & 0xC0) != 0x80) return false;
-      cp = (cp << 6) | (p[i + k] & 0x3F);
-    }
-    if ((extra == 2 && cp < 0x800) || (extra == 3 && (cp < 0x10000 || cp > 0x10FFFF)) ||
-        (cp >= 0xD800 && cp <= 0xDFFF)) {
-      return false;
-    }
-    i += static_cast<size_t>(extra) + 1;
-  }
-  return true;
-}
-
 // A text as written: the bytes up to the first zero character.
 String cutAtZero(const String& text) {
   const wchar_t* p = text.toWChar();
@@ -146,7 +111,7 @@ bool canonicalTextAt(const Bytes& data, size_t& pos) {
   pos += 4;
   const unsigned char* text = data.data() + pos;
   pos += n;
-  return std::memchr(text, 0, n) == nullptr && isStrictUtf8(text, n);
+  return std::memchr(text, 0, n) == nullptr;
 }
 
 // Whether a stored error read from data is exactly what storeError writes:

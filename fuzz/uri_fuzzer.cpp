@@ -1,9 +1,10 @@
-// Fuzzes CURI::parse with UTF-8 input (invalid UTF-8 decodes as Latin-1, which
-// is text as good as any). A text either is refused with CURIMalformedError
-// or yields a URI whose escaped form parses back to the same components and
-// prints the same text; normalising is idempotent and stays parseable; the
-// path helpers and the file-path conversions never fail with anything but
-// their documented errors.
+// Fuzzes CURI::parse with UTF-8 input (bytes that are not UTF-8 decode as
+// escaped bytes, as file names do). A text either is refused with
+// CURIMalformedError or yields a URI whose escaped form parses back to the
+// same components and prints the same text; normalising is idempotent and
+// stays parseable; every decoded segment escapes back to a segment that
+// decodes to it again; the path helpers and the file-path conversions never
+// fail with anything but their documented errors.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -28,7 +29,7 @@ void checkPathRoundTrip(const Path& path, zel::CURI (*fromPath)(const Path&),
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  const zel::String text = zel::String::fromUTF8(reinterpret_cast<const char*>(data), size);
+  const zel::String text = zel::String::fromUTF8Lossless(reinterpret_cast<const char*>(data), size);
   zel::CURI uri;
   try {
     uri = zel::CURI::parse(text);
@@ -51,7 +52,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   check(zel::CURI::parse(normalized.toString(true)) == normalized);
   // ".." is never resolved away (escaped dots decode to it as well).
   int dotDots = 0;
-  for (const zel::String& s : uri.getSegments()) dotDots += s == L"..";
+  for (const zel::String& s : uri.getSegments()) {
+    dotDots += s == L"..";
+    // Decoded text escapes as the bytes it was decoded from.
+    check(zel::CURI::unescape(zel::CURI::escapeSegment(s)) == s);
+  }
   for (const zel::String& s : normalized.getSegments()) dotDots -= s == L"..";
   check(dotDots == 0);
 

@@ -2,8 +2,10 @@
 
 #include <cstring>
 #include <string>
+#include <typeinfo>
 
 #include "zel/core/error.h"
+#include "zel/core/utf8.h"
 
 namespace zel {
 
@@ -54,6 +56,23 @@ void setLength(int* length, size_t value) {
   if (length) *length = static_cast<int>(value);
 }
 
+// UTF-8 is the library's own codec (zel/core/utf8.h) rather than wxWidgets':
+// one judgement of what is well-formed on every platform, and no lone
+// surrogate written as three bytes on Linux. The converter is told by its
+// type, not its address: where wxWidgets is linked statically (Windows), the
+// caller's wxConvUTF8 is another object than the library's.
+bool isUTF8(const wxMBConv& conv) { return typeid(conv) == typeid(wxMBConvStrictUTF8); }
+
+// Encodes with the codec, escaped bytes restored or refused; a null buffer
+// when some character cannot be encoded.
+wxCharBuffer encodeWithCodec(const wchar_t* text, size_t count, EscapedBytes escapes,
+                             size_t* outLength) {
+  std::string bytes;
+  if (encodeUTF8(text, count, escapes, bytes) != count) return wxCharBuffer();
+  *outLength = bytes.size();
+  return makeBuffer(wxConvUTF8, bytes.data(), bytes.size());
+}
+
 // Converts [text, text + count) as a whole; a null buffer when the converter
 // cannot represent some character. Empty input never reaches the converters,
 // whose handling of it varies between implementations.
@@ -63,20 +82,30 @@ wxCharBuffer convertWhole(const wxMBConv& conv, const wchar_t* text, size_t coun
     *outLength = 0;
     return makeBuffer(conv, "", 0);
   }
+  if (isUTF8(conv)) return encodeWithCodec(text, count, EscapedBytes::Refuse, outLength);
   return conv.cWC2MB(text, count, outLength);
 }
 
-// Decodes, falling back to Latin-1 (which maps every byte) when the converter
+// Latin-1 maps every byte to the character of the same number.
+wxString latin1(const char* text, size_t length) {
+  if (length == wxNO_LEN) length = std::strlen(text);
+  const auto* bytes = reinterpret_cast<const unsigned char*>(text);
+  return wxString(std::wstring(bytes, bytes + length));
+}
+
+// Decodes, falling back to Latin-1 for the whole text when the converter
 // rejects the input. length may be wxNO_LEN for a terminated text.
 wxString decode(const char* text, size_t length, const wxMBConv& conv) {
   if (!text || length == 0) return wxString();
+  if (isUTF8(conv)) {
+    if (length == wxNO_LEN) length = std::strlen(text);
+    std::wstring wide;
+    if (!decodeUTF8(text, length, wide)) return latin1(text, length);
+    return wxString(wide);
+  }
   size_t outLength = 0;
   wxWCharBuffer wide = conv.cMB2WC(text, length, &outLength);
-  if (!wide.data()) {
-    if (length == wxNO_LEN) length = std::strlen(text);
-    wide = wxConvISO8859_1.cMB2WC(text, length, &outLength);
-    if (!wide.data()) return wxString();
-  }
+  if (!wide.data()) return latin1(text, length);
   return wxString(wide.data(), outLength);
 }
 
@@ -259,7 +288,20 @@ String String::fromCP(const char* text, size_t length) {
   return String(text, currentConv(), length);
 }
 
-String String::fromFileSystemEncoding(const char* text) { return String(text, *wxConvFileName); }
+String String::fromFileSystemEncoding(const char* text) {
+#if defined(_WIN32)
+  return String(text, *wxConvFileName);
+#else
+  return fromUTF8Lossless(text, text ? std::strlen(text) : 0);
+#endif
+}
+
+String String::fromUTF8Lossless(const char* bytes, size_t length) {
+  if (!bytes || length == 0) return String();
+  std::wstring wide;
+  decodeUTF8(bytes, length, wide);
+  return String(wide);
+}
 
 String String::fromUTF8(const char* text) { return String(text, wxConvUTF8); }
 
@@ -285,8 +327,21 @@ wxCharBuffer String::toUTF16(int* length) const { return toEncoding(utf16Conv(),
 
 wxCharBuffer String::toUTF32(int* length) const { return toEncoding(utf32Conv(), length); }
 
+wxCharBuffer String::toUTF8Lossless(int* length) const {
+  size_t outLength = 0;
+  wxCharBuffer buffer =
+      encodeWithCodec(m_str.wc_str(), m_str.length(), EscapedBytes::Restore, &outLength);
+  if (!buffer.data()) throw CUnencodableStringError();
+  setLength(length, outLength);
+  return buffer;
+}
+
 wxCharBuffer String::toFileSystemEncoding(int* length) const {
+#if defined(_WIN32)
   return toEncoding(*wxConvFileName, length);
+#else
+  return toUTF8Lossless(length);
+#endif
 }
 
 std::string String::toStdUTF8() const {

@@ -8,9 +8,16 @@
 //   - safe (toCPSafe, toEncodingSafe): never fail; each character that cannot
 //     be represented becomes "?" (a surrogate pair counts as one character).
 //
-// Decoding never fails: 8-bit text that the chosen converter rejects (bytes
-// undefined in the code page, invalid UTF-8) is taken as Latin-1 instead, byte
-// for byte, so nothing is lost and toLatin1() gives the original bytes back.
+// Decoding never fails. Text: 8-bit text that the chosen converter rejects
+// (bytes undefined in the code page, UTF-8 that is not well-formed) is taken
+// as Latin-1 instead, byte for byte, so nothing is lost and toLatin1() gives
+// the original bytes back. Names: fromUTF8Lossless() and, on Linux,
+// fromFileSystemEncoding() keep every well-formed sequence and turn each
+// other byte into an escaped byte (U+DC80..U+DCFF, see zel/core/utf8.h), so
+// that a file name that is not UTF-8 still reads as the UTF-8 around it and
+// toUTF8Lossless() / toFileSystemEncoding() give its exact bytes back.
+// UTF-8 is judged by the library's codec (zel/core/utf8.h) wherever it is
+// read or written, also through the converter wxConvUTF8.
 // A null const char* or const wchar_t* is the empty text.
 //
 // String is a value class: copying copies the text. It is not synchronised;
@@ -95,21 +102,43 @@ class ZEL_API String : public CBase {
 
   static String fromCP(const char* text);
   static String fromCP(const char* text, size_t length);
+  // A file name as the file system's calls give it; see toFileSystemEncoding.
   static String fromFileSystemEncoding(const char* text);
+  // UTF-8 text: when it is not well-formed, the whole text is taken as
+  // Latin-1 (text files in an older encoding stay readable).
   static String fromUTF8(const char* text);
   static String fromUTF8(const char* text, size_t length);
+  // Bytes that should be UTF-8 but may not be (file names, texts on the
+  // data-stream wire): well-formed sequences decode, every other byte becomes
+  // an escaped byte; toUTF8Lossless() gives the bytes back unchanged.
+  static String fromUTF8Lossless(const char* bytes, size_t length);
 
   // Strict conversions; the int* argument, when not null, receives the length
   // of the converted text in bytes (without the terminator). The empty text
   // gives an empty, non-null buffer. The current code page is wxConvLibc: the
   // ANSI code page on Windows, the C library's locale encoding elsewhere.
   // toUTF16 and toUTF32 give little-endian units without a byte-order mark.
+  // toUTF8 and toStdUTF8 give well-formed UTF-8 only: an escaped byte is
+  // unencodable there, like any other lone surrogate (the safe conversion
+  // with wxConvUTF8 puts "?" for it).
   wxCharBuffer toCP(int* length = nullptr) const;
   wxCharBuffer toEncoding(const wxMBConv& conv, int* length = nullptr) const;
   wxCharBuffer toUTF8(int* length = nullptr) const;
   wxCharBuffer toLatin1(int* length = nullptr) const;
   wxCharBuffer toUTF16(int* length = nullptr) const;
   wxCharBuffer toUTF32(int* length = nullptr) const;
+  // UTF-8 with each escaped byte (U+DC80..U+DCFF) written as the one raw
+  // byte it stands for: the inverse of fromUTF8Lossless() for any bytes. Other
+  // lone surrogates (and on Linux values above U+10FFFF) are unencodable.
+  wxCharBuffer toUTF8Lossless(int* length = nullptr) const;
+  // A file name for the file system's calls. Linux names are bytes, taken as
+  // UTF-8 whatever the locale: this is toUTF8Lossless(), and
+  // fromFileSystemEncoding() is fromUTF8Lossless(), so every name read from
+  // a folder, such as "caf\xE9.txt" (Latin-1 from an old disk), is the String
+  // "caf" U+DCE9 ".txt" and names the same entry when it is given back.
+  // Windows names are UTF-16 and reach the system as the String's own text
+  // with no mapping; there these two are the ANSI code page (wxConvFileName),
+  // for the few calls that take 8-bit names.
   wxCharBuffer toFileSystemEncoding(int* length = nullptr) const;
   std::string toStdUTF8() const;
 

@@ -126,7 +126,7 @@ TEST(StringConversionTest, EmptyTextGivesEmptyTerminatedBuffers) {
   } conversions[] = {
       {&String::toCP, 1},    {&String::toUTF8, 1},  {&String::toLatin1, 1},
       {&String::toUTF16, 2}, {&String::toUTF32, 4}, {&String::toFileSystemEncoding, 1},
-      {&String::toCPSafe, 1},
+      {&String::toCPSafe, 1}, {&String::toUTF8Lossless, 1},
   };
   const String empty;
   for (const auto& c : conversions) {
@@ -219,7 +219,73 @@ TEST(StringConversionTest, UndecodableBytesAreTakenAsLatin1) {
   EXPECT_EQ(bytes(s.toLatin1(&length), length), "a\xFF\xC3");
   EXPECT_EQ(String::fromUTF8("\xC3\xA9z", 2), L"\u00E9");
   EXPECT_EQ(String::fromUTF8("a\0b", 3).getLength(), 3);
+  // An encoded surrogate is not UTF-8 either, through fromUTF8 as through the
+  // converter wxConvUTF8.
+  EXPECT_EQ(String::fromUTF8("\xED\xA0\x80"), L"\u00ED\u00A0\u0080");
+  EXPECT_EQ(String("\xED\xA0\x80z", wxConvUTF8, 3), L"\u00ED\u00A0\u0080");
   EXPECT_EQ(String::fromFileSystemEncoding("name"), "name");
+}
+
+// A text of the escaped byte U+DCE9 between letters, as "a\xE9b" decodes.
+String withEscapedByte() {
+  const wchar_t units[] = {L'a', static_cast<wchar_t>(0xDCE9), L'b'};
+  return String(units, 3);
+}
+
+TEST(StringConversionTest, LosslessUTF8KeepsEveryByte) {
+  const std::string raw("a\xE9\xC3\xA9\xED\xA0\x80\xF0\x9F\x98\x80\xFF\0z", 14);
+  const String s = String::fromUTF8Lossless(raw.data(), raw.size());
+  const wchar_t expected[] = {L'a', static_cast<wchar_t>(0xDCE9), L'\u00E9',
+                              static_cast<wchar_t>(0xDCED), static_cast<wchar_t>(0xDCA0),
+                              static_cast<wchar_t>(0xDC80)};
+  EXPECT_EQ(String(s.toWChar(), 6), String(expected, 6));
+  String rest = kSmiley;
+  rest += static_cast<wchar_t>(0xDCFF);
+  rest += String(L"\0z", 2);
+  EXPECT_EQ(String(s.toWChar() + 6, s.getLength() - 6), rest);
+  int length = -1;
+  EXPECT_EQ(bytes(s.toUTF8Lossless(&length), length), raw);
+  EXPECT_EQ(String::fromUTF8Lossless("\xC3\xA9", 2), L"\u00E9");
+  EXPECT_TRUE(String::fromUTF8Lossless(nullptr, 3).isEmpty());
+
+  // Other lone surrogates have no bytes to stand for.
+  String lone(L"a");
+  lone += static_cast<wchar_t>(0xD800);
+  EXPECT_THROW(lone.toUTF8Lossless(), CUnencodableStringError);
+}
+
+// Strict UTF-8 is always well-formed: an escaped byte, like any lone
+// surrogate, cannot be written there (on Linux wxWidgets itself would write
+// the surrogate as three bytes); the safe form puts "?" for it, and so does
+// the current code page, which holds no such character.
+TEST(StringConversionTest, StrictUTF8RefusesEscapedBytes) {
+  const String s = withEscapedByte();
+  EXPECT_THROW(s.toUTF8(), CUnencodableStringError);
+  EXPECT_THROW(s.toStdUTF8(), CUnencodableStringError);
+  EXPECT_THROW(s.toEncoding(wxConvUTF8), CUnencodableStringError);
+  String lone(L"a");
+  lone += static_cast<wchar_t>(0xDBFF);
+  EXPECT_THROW(lone.toUTF8(), CUnencodableStringError);
+  int length = -1;
+  EXPECT_EQ(bytes(s.toEncodingSafe(wxConvUTF8, &length), length), "a?b");
+  EXPECT_EQ(bytes(s.toCPSafe(&length), length), "a?b");
+  EXPECT_THROW(s.toLatin1(), CUnencodableStringError);
+}
+
+TEST(StringConversionTest, FileSystemNamesOnLinuxAreLosslessUTF8) {
+#if defined(_WIN32)
+  GTEST_SKIP() << "Windows names are UTF-16 and need no mapping";
+#else
+  const String name = String::fromFileSystemEncoding("a\xE9" "b");
+  EXPECT_EQ(name, withEscapedByte());
+  int length = -1;
+  EXPECT_EQ(bytes(name.toFileSystemEncoding(&length), length), "a\xE9" "b");
+  EXPECT_EQ(String::fromFileSystemEncoding("caf\xC3\xA9"), L"caf\u00E9");
+  EXPECT_TRUE(String::fromFileSystemEncoding(nullptr).isEmpty());
+  String lone(L"a");
+  lone += static_cast<wchar_t>(0xDFFF);
+  EXPECT_THROW(lone.toFileSystemEncoding(), CUnencodableStringError);
+#endif
 }
 
 }  // namespace

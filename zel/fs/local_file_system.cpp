@@ -753,7 +753,7 @@ String CFileSystem::getAccountOrUserNameUsedForAccess(const CURI& uri) {
 P<IFileSystem::CNativeMetaData> CFileSystem::getNativeMetaData(const CURI& uri, bool followSymLinks,
                                                                const String& which) {
   if (!which.isEmpty()) {
-    throw CInvalidArgError(actionName("getNativeMetaData"), "unknown metadata part: " + which.toStdUTF8());
+    throw CInvalidArgError(actionName("getNativeMetaData"), String("unknown metadata part: ") + which);
   }
   return guarded("getNativeMetaData", uri, [&] {
     std::vector<unsigned char> block = fs_platform::readNativeMetaData(toPath(uri), followSymLinks);

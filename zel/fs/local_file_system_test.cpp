@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -9,6 +10,7 @@
 #include "zel/core/error_predicates.h"
 #include "zel/fs/background_op_thread.h"
 #include "zel/stream/buffer_stream.h"
+#include "tests/support/odd_names.h"
 #include "tests/support/temp_folder.h"
 
 namespace zel {
@@ -389,6 +391,45 @@ TEST_F(LocalFileSystemTest, SpellingsOfAnAddressReachTheSameEntry) {
   // An empty segment is not a path at all, on either way.
   EXPECT_THROW(m_fs->fileExists(CURI::parse(String("file://") + folderURI().getPath() + "//plain.txt")),
                CBadPathError);
+#endif
+}
+
+// A name that is not UTF-8 (an old disk's Latin-1 "caf\xE9.txt") lists as its
+// escaped bytes and reaches its entry again: through the URI, and through the
+// quick (plain ASCII) and the general way from a URI to a native path.
+TEST_F(LocalFileSystemTest, NamesThatAreNotUTF8ListAndReachTheirEntries) {
+#if defined(_WIN32)
+  GTEST_SKIP() << "Windows names are UTF-16: no name on the disk is bytes that are not UTF-8";
+#else
+  test::COddNamesFolder odd(test::bytesOf(m_temp.file("odd")));
+  const CURI root = uri("odd");
+  const std::vector<String> listed = test::checkOddNamesListing(*m_fs, root);
+  EXPECT_EQ(listed.size(), test::oddNames().size() + 2);
+
+  const wchar_t latin1Name[] = {L'c', L'a', L'f', static_cast<wchar_t>(0xDCE9), L'.', L't', L'x', L't'};
+  const String name(latin1Name, 8);
+  EXPECT_NE(std::find(listed.begin(), listed.end(), name), listed.end());
+  const String base = root.toString();
+  EXPECT_EQ(root.append(name).toString(), base + "/caf%E9.txt");
+  EXPECT_EQ(readFile(CURI(base + "/caf%E9.txt")), test::oddContentOf("caf\xE9.txt"));
+  EXPECT_EQ(readFile(CURI(base + "/./caf%e9.txt")), test::oddContentOf("caf\xE9.txt"));
+  EXPECT_EQ(readFile(CURI(base + "/caf%C3%A9.txt")), test::oddContentOf("caf\xC3\xA9.txt"));
+  EXPECT_EQ(readFile(root.append(L"caf\u00e9.txt")), test::oddContentOf("caf\xC3\xA9.txt"));
+  EXPECT_TRUE(m_fs->fileExists(CURI(base + "/%FF")));
+  EXPECT_FALSE(m_fs->fileExists(CURI(base + "/%FF%FF")));
+
+  // Entries made, moved and deleted by such names have those bytes on the disk.
+  const std::string made = "made-\xE9\xF0\x9F\x98\xC3\xA9";
+  const CURI madeURI = root.append(String::fromUTF8Lossless(made.data(), made.size()));
+  writeFile(madeURI, "new");
+  EXPECT_EQ(test::readRawFile(odd.getPath() + "/" + made), "new");
+  const std::string moved = "moved-\xE8";
+  m_fs->moveFileOrFolder(madeURI, root.append(String::fromUTF8Lossless(moved.data(), moved.size())),
+                         false);
+  EXPECT_EQ(test::readRawFile(odd.getPath() + "/" + moved), "new");
+  m_fs->deleteFile(CURI(base + "/moved-%E8"), false);
+  EXPECT_EQ(test::readRawFile(odd.getPath() + "/" + moved), "");
+  EXPECT_FALSE(m_fs->pathExists(CURI(base + "/moved-%E8")));
 #endif
 }
 

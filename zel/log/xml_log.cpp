@@ -6,6 +6,7 @@
 #include <wx/filename.h>
 
 #include "zel/core/error.h"
+#include "zel/core/utf8.h"
 #include "zel/internal/current_thread.h"
 
 namespace zel {
@@ -15,30 +16,42 @@ namespace {
 const char kHeader[] = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<log>\n";
 const char kFooter[] = "</log>\n";
 
-// Escapes text for XML character data and attribute values. Characters XML
-// 1.0 cannot carry at all (most control characters, lone surrogates) become
-// U+FFFD so that the file stays readable.
+// Escapes text for XML character data and attribute values, as UTF-8. An
+// escaped byte (a byte of a file name that is not UTF-8) is written as the
+// text "\xE9", so the entry still tells which name it was; characters XML 1.0
+// cannot carry at all (most control characters, other lone surrogates,
+// U+FFFE, U+FFFF) become U+FFFD. Either way the file stays readable.
 std::string escapeXml(const String& text) {
-  wxString escaped;
-  escaped.reserve(text.getLength());
-  for (wxUniChar ch : text.getWxString()) {
-    wxUint32 c = ch.GetValue();
+  static const char kHex[] = "0123456789ABCDEF";
+  const wchar_t* chars = text.toWChar();
+  const size_t length = static_cast<size_t>(text.getLength());
+  std::string escaped;
+  escaped.reserve(length);
+  size_t i = 0;
+  while (i < length) {
+    const uint32 c = nextCharacter(chars, length, i);
     switch (c) {
-      case '&': escaped += L"&amp;"; break;
-      case '<': escaped += L"&lt;"; break;
-      case '>': escaped += L"&gt;"; break;
-      case '"': escaped += L"&quot;"; break;
-      case '\t': case '\n': escaped += wxUniChar(c); break;
-      case '\r': escaped += L"&#13;"; break;
+      case '&': escaped += "&amp;"; break;
+      case '<': escaped += "&lt;"; break;
+      case '>': escaped += "&gt;"; break;
+      case '"': escaped += "&quot;"; break;
+      case '\t': case '\n': escaped += static_cast<char>(c); break;
+      case '\r': escaped += "&#13;"; break;
       default:
-        if (c < 0x20 || c == 0xFFFE || c == 0xFFFF || (c >= 0xD800 && c <= 0xDFFF)) {
-          escaped += wxUniChar(0xFFFD);
+        if (isEscapedByte(c)) {
+          const unsigned char byte = escapedByteValue(c);
+          escaped += "\\x";
+          escaped += kHex[byte >> 4];
+          escaped += kHex[byte & 0xF];
+        } else if (c < 0x20 || c == 0xFFFE || c == 0xFFFF || (c >= 0xD800 && c <= 0xDFFF) ||
+                   c > 0x10FFFF) {
+          appendUTF8(escaped, 0xFFFD);
         } else {
-          escaped += ch;
+          appendUTF8(escaped, c);
         }
     }
   }
-  return std::string(escaped.utf8_str().data());
+  return escaped;
 }
 
 }  // namespace

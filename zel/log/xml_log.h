@@ -4,6 +4,11 @@
 // failures, the error description) appended to "log.xml" in the log folder.
 // The file stays well-formed after each entry: the closing </log> tag is
 // rewritten behind every new entry, so a crash never leaves a broken file.
+// Texts are written as UTF-8. An escaped byte (U+DC80..U+DCFF: a byte of a
+// file name that is not UTF-8, see zel/core/utf8.h) appears as the four
+// characters "\xE9", and a character XML cannot carry (most control
+// characters, other lone surrogates) as U+FFFD, so that the file never holds
+// bytes that are not UTF-8. Listeners get the texts unchanged.
 // The log folder defaults to the current folder; the file is opened on the
 // first entry. Logging never throws and keeps the caller's last system
 // error.

@@ -73,6 +73,25 @@ TEST_F(XMLLogFileTest, EntriesAreEscapedAndTheFileStaysWellFormed) {
   EXPECT_EQ(text.substr(text.size() - 7), "</log>\n");
 }
 
+// A file name that is not UTF-8 ("caf\xE9" read from a disk) shows its byte as
+// text, so the file stays UTF-8; other lone surrogates become U+FFFD, and a
+// character beyond the BMP is written whole (a surrogate pair on Windows).
+TEST_F(XMLLogFileTest, EscapedBytesAreWrittenAsTextAndTheFileStaysUTF8) {
+  String text(L"caf");
+  text += static_cast<wchar_t>(0xDCE9);
+  text += L" lone ";
+  text += static_cast<wchar_t>(0xD800);
+  text += L" ";
+  text += String::fromUTF8("\xF0\x9F\x98\x80");
+  CLogCapture capture;
+  logWarning(text);
+  ASSERT_EQ(capture.getEntries().size(), 1u);
+  EXPECT_EQ(capture.getEntries()[0].text, text);
+  EXPECT_NE(content().find("<text>caf\\xE9 lone \xEF\xBF\xBD \xF0\x9F\x98\x80</text>"),
+            std::string::npos)
+      << content();
+}
+
 TEST_F(XMLLogFileTest, ReopeningAppendsBeforeTheClosingTag) {
   logInfo("one");
   log->dispose();  // closes the file, as at exit

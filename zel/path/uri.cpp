@@ -3,6 +3,8 @@
 #include <string>
 #include <tuple>
 
+#include "zel/core/utf8.h"
+
 namespace zel {
 
 namespace {
@@ -64,38 +66,6 @@ bool isAllowed(Part part, wchar_t c) {
   return false;
 }
 
-constexpr uint32 kReplacementChar = 0xFFFD;
-
-// The next code point of text at i (a UTF-16 pair on Windows); malformed
-// units give U+FFFD.
-uint32 nextCodePoint(const WStr& text, size_t& i) {
-  uint32 c = static_cast<uint32>(text[i++]);
-  if constexpr (sizeof(wchar_t) == 2) {
-    c &= 0xFFFFu;
-    if (c >= 0xD800 && c <= 0xDBFF && i < text.size()) {
-      uint32 low = static_cast<uint32>(text[i]) & 0xFFFFu;
-      if (low >= 0xDC00 && low <= 0xDFFF) {
-        ++i;
-        return 0x10000 + ((c - 0xD800) << 10) + (low - 0xDC00);
-      }
-    }
-  }
-  if ((c >= 0xD800 && c <= 0xDFFF) || c > 0x10FFFF) return kReplacementChar;
-  return c;
-}
-
-void appendCodePoint(WStr& out, uint32 c) {
-  if constexpr (sizeof(wchar_t) == 2) {
-    if (c >= 0x10000) {
-      c -= 0x10000;
-      out += wchar_t(0xD800 + (c >> 10));
-      out += wchar_t(0xDC00 + (c & 0x3FF));
-      return;
-    }
-  }
-  out += wchar_t(c);
-}
-
 void appendEscapedByte(WStr& out, unsigned byte) {
   static const wchar_t kHex[] = L"0123456789ABCDEF";
   out += L'%';
@@ -103,22 +73,18 @@ void appendEscapedByte(WStr& out, unsigned byte) {
   out += kHex[byte & 0xF];
 }
 
-void appendEscapedCodePoint(WStr& out, uint32 c) {
-  if (c < 0x80) {
-    appendEscapedByte(out, c);
-  } else if (c < 0x800) {
-    appendEscapedByte(out, 0xC0 | (c >> 6));
-    appendEscapedByte(out, 0x80 | (c & 0x3F));
-  } else if (c < 0x10000) {
-    appendEscapedByte(out, 0xE0 | (c >> 12));
-    appendEscapedByte(out, 0x80 | ((c >> 6) & 0x3F));
-    appendEscapedByte(out, 0x80 | (c & 0x3F));
-  } else {
-    appendEscapedByte(out, 0xF0 | (c >> 18));
-    appendEscapedByte(out, 0x80 | ((c >> 12) & 0x3F));
-    appendEscapedByte(out, 0x80 | ((c >> 6) & 0x3F));
-    appendEscapedByte(out, 0x80 | (c & 0x3F));
+// Escapes the character at text[i] (a surrogate pair on Windows) as its UTF-8
+// bytes and moves i past it. An escaped byte is escaped as the raw byte it
+// stands for, so a name that is not UTF-8 keeps its bytes in the URI ("%E9",
+// not "%C3%A9"); any other lone surrogate becomes U+FFFD.
+void appendEscapedCharacter(WStr& out, const WStr& text, size_t& i) {
+  const size_t start = i;
+  nextCharacter(text.data(), text.size(), i);
+  std::string bytes;
+  if (encodeUTF8(text.data() + start, i - start, EscapedBytes::Restore, bytes) != i - start) {
+    bytes = "\xEF\xBF\xBD";
   }
+  for (unsigned char byte : bytes) appendEscapedByte(out, byte);
 }
 
 bool isEscapeAt(const WStr& text, size_t i) {
@@ -149,56 +115,10 @@ WStr escapePart(const WStr& text, Part part, bool keepEscapes, const String& inp
       out += c;
       ++i;
     } else {
-      appendEscapedCodePoint(out, nextCodePoint(text, i));
+      appendEscapedCharacter(out, text, i);
     }
   }
   return out;
-}
-
-// Decodes a run of bytes as UTF-8; a byte outside a valid sequence stands for
-// its Latin-1 character.
-void appendDecodedBytes(WStr& out, const std::string& bytes) {
-  size_t i = 0;
-  size_t n = bytes.size();
-  while (i < n) {
-    unsigned b0 = static_cast<unsigned char>(bytes[i]);
-    int length = 0;
-    uint32 c = 0;
-    uint32 min = 0;
-    if (b0 < 0x80) {
-      length = 1;
-      c = b0;
-    } else if (b0 >= 0xC2 && b0 <= 0xDF) {
-      length = 2;
-      c = b0 & 0x1F;
-      min = 0x80;
-    } else if (b0 >= 0xE0 && b0 <= 0xEF) {
-      length = 3;
-      c = b0 & 0x0F;
-      min = 0x800;
-    } else if (b0 >= 0xF0 && b0 <= 0xF4) {
-      length = 4;
-      c = b0 & 0x07;
-      min = 0x10000;
-    }
-    bool valid = length > 0 && i + length <= n;
-    for (int k = 1; valid && k < length; ++k) {
-      unsigned b = static_cast<unsigned char>(bytes[i + k]);
-      if ((b & 0xC0) != 0x80) {
-        valid = false;
-      } else {
-        c = (c << 6) | (b & 0x3F);
-      }
-    }
-    if (valid && (c < min || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF))) valid = false;
-    if (valid) {
-      appendCodePoint(out, c);
-      i += length;
-    } else {
-      appendCodePoint(out, b0);
-      ++i;
-    }
-  }
 }
 
 WStr unescapeText(const WStr& text) {
@@ -215,7 +135,9 @@ WStr unescapeText(const WStr& text) {
       bytes += static_cast<char>(hexValue(text[i + 1]) * 16 + hexValue(text[i + 2]));
       i += 3;
     }
-    appendDecodedBytes(out, bytes);
+    // A byte outside well-formed UTF-8 becomes an escaped byte, which
+    // escapePart() turns back into the same escape.
+    decodeUTF8(bytes.data(), bytes.size(), out);
   }
   return out;
 }

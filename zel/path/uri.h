@@ -13,7 +13,10 @@
 //   - a path after an authority starts with "/" or is empty;
 //   - any other character that a component may not hold as it stands (space,
 //     "[", non-ASCII, control characters ...) is percent-escaped as UTF-8, so
-//     the stored text is always a valid URI.
+//     the stored text is always a valid URI. An escaped byte (U+DC80..U+DCFF,
+//     a byte of a name that is not UTF-8, see zel/core/utf8.h) is escaped as
+//     the raw byte it stands for: U+DCE9 becomes "%E9". Any other lone
+//     surrogate becomes the escapes of U+FFFD.
 // Violations throw CURIMalformedError with the offending text under "uri".
 //
 // Text forms:
@@ -23,8 +26,12 @@
 //                    path, query and fragment are decoded. It may not parse
 //                    back to the same URI ("%2F" becomes "/"); never use it as
 //                    an address.
-// Decoded text: escapes are bytes of UTF-8; a byte that does not belong to a
-// valid UTF-8 sequence stands for the Latin-1 character of that byte.
+// Decoded text: escapes are bytes of UTF-8, decoded by the library's codec; a
+// byte that does not belong to well-formed UTF-8 becomes an escaped byte, so
+// "%E9" alone decodes to U+DCE9 and "%C3%A9" to U+00E9. Escaping a decoded
+// text gives the same bytes again: a Linux name "caf\xE9.txt" is the segment
+// "caf%E9.txt" and comes back from the URI, through the path, as the same
+// bytes on the disk.
 //
 // Comparison (==, <) is exact, on the components as stored: "HTTP://a/%7e" and
 // "http://a/~" differ; compare toNormalized() forms to compare addresses.
@@ -131,7 +138,8 @@ class ZEL_API CURI {
 
   // The text of one path segment: unreserved characters, sub-delims, ":" and
   // "@" stay as they are, everything else (including "/", "%", "?", "#",
-  // blanks and non-ASCII characters) is percent-escaped as UTF-8.
+  // blanks and non-ASCII characters) is percent-escaped as UTF-8, escaped
+  // bytes as their raw byte.
   static String escapeSegment(const String& segment);
   // Decodes every escape; text without escapes is returned as it is.
   static String unescape(const String& text);

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <initializer_list>
 #include <set>
+#include <string>
 
 namespace zel {
 namespace {
@@ -106,9 +108,71 @@ TEST(URITest, EscapesCharactersOutsideTheirComponent) {
 
   EXPECT_EQ(String("a%20b%2Fc%25d%3F%23:@!$&'()*+,;=-._~"),
             CURI::escapeSegment(String("a b/c%d?#:@!$&'()*+,;=-._~")));
-  // Bytes that are not UTF-8 decode as Latin-1 characters.
-  EXPECT_EQ(String(L"\u00ff\u00c3("), CURI::unescape(String("%FF%C3%28")));
   EXPECT_EQ(String(L"a\u00e9b"), CURI::unescape(String("a%c3%A9b")));
+}
+
+// A String from units, for texts holding escaped bytes (U+DC80..U+DCFF).
+String units(std::initializer_list<unsigned> codes) {
+  std::wstring text;
+  for (unsigned c : codes) text += static_cast<wchar_t>(c);
+  return String(text);
+}
+
+// Escapes are bytes: those outside well-formed UTF-8 decode to escaped bytes,
+// which escape as the same bytes again, so a name that is not UTF-8 keeps its
+// bytes through a URI.
+TEST(URITest, BytesThatAreNotUTF8SurviveUnescapingAndEscaping) {
+  EXPECT_EQ(units({0xDCFF, 0xDCC3, '('}), CURI::unescape(String("%FF%C3%28")));
+  EXPECT_EQ(units({'c', 'a', 'f', 0xDCE9}), CURI::unescape(String("caf%e9")));
+  EXPECT_EQ(units({0xDCED, 0xDCA0, 0xDC80}), CURI::unescape(String("%ED%A0%80")));
+  EXPECT_EQ(String("caf%E9.txt"), CURI::escapeSegment(units({'c', 'a', 'f', 0xDCE9, '.', 't', 'x', 't'})));
+  EXPECT_EQ(String("%FF%C3("), CURI::escapeSegment(units({0xDCFF, 0xDCC3, '('})));
+
+  // Parsed text holding escaped bytes: the raw bytes, not their UTF-8.
+  CURI u = CURI::parse(String("file:///d/") + units({'n', 0xDCE9, 0x00E9, '?', 0xDCFF, '#', 0xDC80}));
+  EXPECT_EQ(String("/d/n%E9%C3%A9"), u.getPath());
+  EXPECT_EQ(String("%FF"), u.getQuery());
+  EXPECT_EQ(String("%80"), u.getFragment());
+  EXPECT_EQ(units({'n', 0xDCE9, 0x00E9}), u.getName());
+  EXPECT_EQ(u, CURI::parse(u.toString(true)));
+  EXPECT_EQ(u, CURI::parse(u.toString(false)));
+
+  // Other lone surrogates have no bytes: they escape as U+FFFD.
+  EXPECT_EQ(String("%EF%BF%BDx"), CURI::escapeSegment(units({0xD800, 'x'})));
+  EXPECT_EQ(String("/%EF%BF%BD"), CURI::parse(String("ss:/") + units({0xDC7F})).getPath());
+
+  // Every ill-formed pattern, as a segment: its escapes are its bytes, and it
+  // comes back from the URI and its texts as it went in.
+  const char* const patterns[] = {
+      "\x80", "\xBF\x80", "\xC3", "\xC3(", "\xE2\x82", "\xF0\x9F\x98", "\xC0\xAF",
+      "\xE0\x80\xAF", "\xF0\x80\x80\xAF", "\xED\xA0\x80", "\xED\xB3\xA9", "\xF4\x90\x80\x80",
+      "\xF5\xF8\xFB\xFE", "\xFF", "caf\xC3\xA9\xE9\xE2\x82\xAC\xFF", "end\xE2\x82"};
+  const CURI folder("file:///folder");
+  for (const char* pattern : patterns) {
+    const std::string bytes(pattern);
+    SCOPED_TRACE(bytes.size());
+    const String segment = String::fromUTF8Lossless(bytes.data(), bytes.size());
+    std::string escaped;
+    for (unsigned char b : bytes) {
+      static const char kHex[] = "0123456789ABCDEF";
+      if (b < 0x80) {  // letters and "(" stay as they are in a segment
+        escaped += static_cast<char>(b);
+      } else {
+        escaped += '%';
+        escaped += kHex[b >> 4];
+        escaped += kHex[b & 0xF];
+      }
+    }
+    const CURI child = folder.append(segment);
+    EXPECT_EQ(child.getPath(), String("/folder/") + String(escaped));
+    EXPECT_EQ(child.getName(), segment);
+    EXPECT_EQ(CURI::unescape(CURI::escapeSegment(segment)), segment);
+    EXPECT_EQ(CURI::parse(child.toString(true)), child);
+    EXPECT_EQ(CURI::parse(child.toString(false)), child);
+    EXPECT_EQ(child.toNormalized(), child);
+    EXPECT_EQ(CURI::parse(String("file:///folder/") + String(String(escaped).getWxString().Lower())).toNormalized(),
+              child);
+  }
 }
 
 TEST(URITest, EmptySegmentsAndDots) {
@@ -282,6 +346,8 @@ TEST(URIFileTest, UnixPaths) {
       {L"/", "file:///"},
       {L"/a b/100%/#x?\\y:z", "file:///a%20b/100%25/%23x%3F%5Cy:z"},
       {L"/\u00e9t\u00e9/\U0001F600", "file:///%C3%A9t%C3%A9/%F0%9F%98%80"},
+      // Escaped bytes: a Linux name that is not UTF-8 ("caf\xE9", "\xC0\xAF").
+      {L"/caf\xDCE9/\xDCC0\xDCAF", "file:///caf%E9/%C0%AF"},
   };
   for (const Case& c : cases) {
     CUnixPath path{String(c.path)};

@@ -15,46 +15,6 @@ namespace {
 
 constexpr size_t kMaxTextBytes = static_cast<size_t>(std::numeric_limits<int32>::max());
 
-// UTF-8 as RFC 3629 defines it: shortest forms only, no surrogates, nothing
-// above U+10FFFF. wxWidgets' decoder accepts encoded surrogates, which give a
-// String that cannot be encoded again on Windows (a lone UTF-16 surrogate)
-// and a different one on Linux; checking here keeps both platforms alike.
-bool isValidUtf8(const unsigned char* p, size_t n) {
-  size_t i = 0;
-  while (i < n) {
-    const unsigned char b = p[i];
-    if (b < 0x80) {
-      ++i;
-      continue;
-    }
-    // Continuation bytes that follow the lead byte, and the smallest code
-    // point that length may encode (anything below is an overlong form).
-    size_t extra = 0;
-    uint32 lowest = 0;
-    if (b >= 0xC2 && b <= 0xDF) {
-      extra = 1;
-      lowest = 0x80;
-    } else if (b >= 0xE0 && b <= 0xEF) {
-      extra = 2;
-      lowest = 0x800;
-    } else if (b >= 0xF0 && b <= 0xF4) {
-      extra = 3;
-      lowest = 0x10000;
-    } else {
-      return false;
-    }
-    uint32 cp = b & (0x3Fu >> extra);
-    if (extra >= n - i) return false;
-    for (size_t k = 1; k <= extra; ++k) {
-      if ((p[i + k] & 0xC0) != 0x80) return false;
-      cp = (cp << 6) | (p[i + k] & 0x3Fu);
-    }
-    if (cp < lowest || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
-    i += extra + 1;
-  }
-  return true;
-}
-
 struct FreeDeleter {
   void operator()(char* p) const { std::free(p); }
 };
@@ -88,7 +48,9 @@ CDataOutStream& CDataOutStream::writeDouble(double value) {
 
 CDataOutStream& CDataOutStream::writeString(const String& value) {
   int length = 0;
-  const wxCharBuffer utf8 = value.toUTF8(&length);
+  // Escaped bytes go out as the raw bytes they stand for: a file name that is
+  // not UTF-8 reaches the other side as it is on the disk.
+  const wxCharBuffer utf8 = value.toUTF8Lossless(&length);
   // Cut at the first zero character, as for a C string.
   const char* text = utf8.data();
   const auto* zero = static_cast<const char*>(std::memchr(text, 0, static_cast<size_t>(length)));
@@ -224,11 +186,7 @@ double CDataInStream::readDouble() {
 String CDataInStream::readString() {
   int length = 0;
   const MallocBuffer bytes(readUTF8(length));
-  const size_t size = static_cast<size_t>(length);
-  if (!isValidUtf8(reinterpret_cast<const unsigned char*>(bytes.get()), size)) {
-    return String(bytes.get(), wxConvISO8859_1, size);
-  }
-  return String::fromUTF8(bytes.get(), size);
+  return String::fromUTF8Lossless(bytes.get(), static_cast<size_t>(length));
 }
 
 char* CDataInStream::readUTF8() {

@@ -23,19 +23,27 @@
 //                         of UTF-8, no terminator
 //
 // Text:
-//   - writeString() converts to UTF-8 (strictly: a String holding a lone
-//     surrogate throws CUnencodableStringError) and writeUTF8() takes the
-//     bytes as given; both write the bytes up to the first zero byte, so a
-//     text holding a zero character is cut there.
+//   - writeString() and readString() use the library's UTF-8 codec with
+//     escaped bytes (zel/core/utf8.h), so that names which are not UTF-8 (a
+//     Linux file called "caf\xE9.txt") cross the wire unchanged, on both
+//     platforms alike:
+//       - writeString() writes each escaped byte (U+DC80..U+DCFF) as the one
+//         raw byte it stands for, so the String "caf" U+DCE9 is 63 61 66 E9;
+//         any other lone surrogate cannot be written and throws
+//         CUnencodableStringError (a Windows name holding one is not
+//         carried);
+//       - readString() decodes well-formed UTF-8 (RFC 3629: no overlong forms,
+//         no encoded surrogates, nothing above U+10FFFF) and turns every other
+//         byte into an escaped byte: E9 reads as U+DCE9 and ED A0 80 as U+DCED
+//         U+DCA0 U+DC80. Reading never fails on content, and the String it
+//         returns is written again as the same bytes.
+//     writeUTF8() takes the bytes as given. Both write the bytes up to the
+//     first zero byte, so a text holding a zero character is cut there.
 //   - operator<<(const char*) takes its bytes as Latin-1 and writes them as a
 //     String, so 0xE9 becomes C3 A9; writeUTF8() writes 0xE9 unchanged. A
 //     null pointer is the empty text everywhere.
 //   - A text of 2^31 bytes or more cannot be written (CInvalidArgError).
-//   - readString() decodes UTF-8; bytes that are not valid UTF-8 (RFC 3629:
-//     no overlong forms, no encoded surrogates, nothing above U+10FFFF) are
-//     taken as Latin-1, byte for byte, so reading never fails on content and
-//     every String it returns can be written again, on both platforms. Zero
-//     bytes inside a text are kept by reading (and cut by writing).
+//   - Zero bytes inside a text are kept by reading (and cut by writing).
 //
 // C++ types of the values: the 64-bit operations take int64 / uint64 (the
 // __int64 of the Windows API). long is 32-bit on Windows and 64-bit on Linux,

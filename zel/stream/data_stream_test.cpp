@@ -183,12 +183,21 @@ TEST(CDataOutStreamTest, TextEncodings) {
   EXPECT_EQ(nulls.bytes(), "00 00 00 00 00 00 00 00 00 00 00 00");
 }
 
-TEST(CDataOutStreamTest, UnencodableTextThrowsBeforeWriting) {
-  if (sizeof(wchar_t) != 2) GTEST_SKIP() << "lone surrogates exist only in UTF-16 strings";
-  Writer w;
-  const wchar_t lone[] = {L'a', static_cast<wchar_t>(0xD800), L'b', 0};
-  EXPECT_THROW(w.out->writeString(String(lone)), CUnencodableStringError);
-  EXPECT_EQ(w.buffer->getLength(), 0);
+// Escaped bytes (U+DC80..U+DCFF, what reading makes of bytes that are not
+// UTF-8) are written as the raw bytes they stand for; no other lone surrogate
+// has bytes, on either platform.
+TEST(CDataOutStreamTest, EscapedBytesAreWrittenRawOtherLoneSurrogatesThrow) {
+  Writer escaped;
+  const wchar_t name[] = {L'c', L'a', L'f', static_cast<wchar_t>(0xDCE9), L'\u00e9', 0};
+  escaped.out->writeString(String(name));
+  EXPECT_EQ(escaped.bytes(), "06 00 00 00 63 61 66 E9 C3 A9");
+
+  for (unsigned lone : {0xD800u, 0xDBFFu, 0xDC7Fu, 0xDD00u}) {
+    Writer w;
+    const wchar_t text[] = {L'a', static_cast<wchar_t>(lone), L'b', 0};
+    EXPECT_THROW(w.out->writeString(String(text)), CUnencodableStringError) << lone;
+    EXPECT_EQ(w.buffer->getLength(), 0);
+  }
 }
 
 // --- Patching -----------------------------------------------------------------
@@ -312,16 +321,20 @@ TEST(CDataInStreamTest, LenientValues) {
   EXPECT_EQ(doubles->readDouble(), std::numeric_limits<double>::infinity());
   EXPECT_EQ(doubles->readDouble(), -std::numeric_limits<double>::infinity());
 
-  // Bytes that are not UTF-8 read as Latin-1.
-  EXPECT_EQ(readerOf({2, 0, 0, 0, 0xE9, 0x41})->readString(), String(L"\u00e9A"));
+  // Each byte that is not part of well-formed UTF-8 reads as an escaped byte,
+  // next to the well-formed text around it.
+  const wchar_t latin1[] = {static_cast<wchar_t>(0xDCE9), L'A', L'\u00e9', 0};
+  EXPECT_EQ(readerOf({4, 0, 0, 0, 0xE9, 0x41, 0xC3, 0xA9})->readString(), String(latin1));
 
-  // An encoded surrogate is not UTF-8 either: as Latin-1 it gives a String
-  // that can be written again (a lone surrogate could not be on Windows).
+  // An encoded surrogate is not UTF-8 either: as escaped bytes it gives a
+  // String that is written again as the same bytes, on both platforms.
   const String surrogate = readerOf({3, 0, 0, 0, 0xED, 0xA0, 0x80})->readString();
-  EXPECT_EQ(surrogate, String(L"\u00ed\u00a0\u0080"));
+  const wchar_t escaped[] = {static_cast<wchar_t>(0xDCED), static_cast<wchar_t>(0xDCA0),
+                             static_cast<wchar_t>(0xDC80), 0};
+  EXPECT_EQ(surrogate, String(escaped));
   Writer again;
   again.out->writeString(surrogate);
-  EXPECT_EQ(again.bytes(), "06 00 00 00 C3 AD C2 A0 C2 80");
+  EXPECT_EQ(again.bytes(), "03 00 00 00 ED A0 80");
 }
 
 TEST(CDataInStreamTest, ReadUTF8GivesAFreeableTerminatedBuffer) {
