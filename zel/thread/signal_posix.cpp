@@ -16,8 +16,12 @@ struct CSignal::CImpl {
 
 namespace {
 
-[[noreturn]] void throwSignalError(int code, const char* func, const char* action, int ms) {
+// waitResult: what the wait call returned (the error number itself for the
+// pthread calls); only for waits.
+[[noreturn]] void throwSignalError(int code, const char* func, const char* action, int ms,
+                                   bool isWait = false) {
   CProps params;
+  if (isWait) params.set("waitResult", String::fromInt64(code));
   params.set("timeout", String::fromInt64(ms));
   params.set("action", action);
   params.set("func", func);
@@ -82,7 +86,7 @@ bool CSignal::wait(int ms) {
   pthread_mutex_unlock(&m_impl->mutex);
   if (result != 0 && result != ETIMEDOUT) {
     throwSignalError(result, ms < 0 ? "pthread_cond_wait" : "pthread_cond_timedwait",
-                     "CSignal::wait", ms);
+                     "CSignal::wait", ms, true);
   }
   return isSet;
 }

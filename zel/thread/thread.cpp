@@ -48,6 +48,7 @@ void CThread::start() {
     CMutexLock lock(m_stateMutex);
     m_started = false;
     m_runFinished = false;
+    m_threadLeft = false;
     m_stopRequested = false;
     m_id = 0;
     if (m_handle) {
@@ -109,17 +110,23 @@ void CThread::threadHandler() {
     CMutexLock lock(m_stateMutex);
     m_threadError = threadError;
   }
-  bool detached;
   {
     CMutexLock lock(m_stateMutex);
     m_runFinished = true;
-    detached = m_detached;
   }
   onRunFinished();
   CThreadLocalStorageManager::get()->releaseAllThreadValues();
   CThreadList::get()->remove(this);
-  // A detached thread gives up the reference taken for its run; that may
-  // delete this object, so nothing may touch it afterwards.
+  bool detached;
+  {
+    // Decided together with detach(), which takes a reference for the
+    // thread only while it has not left.
+    CMutexLock lock(m_stateMutex);
+    m_threadLeft = true;
+    detached = m_detached;
+  }
+  // A detached thread gives up the reference taken for it; that may delete
+  // this object, so nothing may touch it afterwards.
   if (detached) release();
 }
 
@@ -144,11 +151,12 @@ void CThread::join(bool rethrow) {
       m_joinerWaiting = handle != nullptr;
     }
     if (detached) {
-      // The handle of a detached thread is closed: poll.
+      // The handle of a detached thread is closed: poll until the thread has
+      // left the object (or was ended from outside).
       for (;;) {
         {
           CMutexLock lock(m_stateMutex);
-          if (!m_started || !isRunningLocked()) break;
+          if (!m_started || m_threadLeft || !tp::isThreadAlive(m_id)) break;
         }
         tp::sleepMs(50);
       }
@@ -184,7 +192,9 @@ void CThread::detach(bool bySelf) {
   if (m_detached || m_joined) return;
   m_detached = true;
   m_detachedBySelf = bySelf;
-  if (!m_runFinished) addRef();  // given up by the thread when its run ends
+  // Given up by the thread when it leaves the object. Needed also after the
+  // run finished: the thread may still be in onRunFinished().
+  if (m_started && !m_threadLeft) addRef();
   if (m_handle) {
     if (!m_joinerWaiting) tp::closeThreadHandle(m_handle);
     m_handle = nullptr;

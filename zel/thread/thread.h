@@ -105,6 +105,10 @@ class ZEL_API CThread : public CBase {
   bool m_detachedBySelf = false;
   bool m_started = false;
   bool m_runFinished = false;
+  // The thread has made its last use of the object (its run finished and
+  // onRunFinished() and the clean-up after it are done); only then may the
+  // object go without waiting for the thread.
+  bool m_threadLeft = false;
   std::atomic<bool> m_stopRequested{false};
   uint64 m_id = 0;
   thread_platform::CNativeHandle* m_handle = nullptr;

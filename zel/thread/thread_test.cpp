@@ -177,6 +177,51 @@ TEST_F(ThreadTest, DetachedThreadDeletesItselfAndCannotRestart) {
   EXPECT_TRUE(eventually([] { return g_destroyed == 1; }));
 }
 
+// Its run ends at once; onRunFinished() then waits for a signal and uses
+// the object afterwards.
+class CSlowFinishThread : public CThread {
+ public:
+  explicit CSlowFinishThread(CSignal& release) : m_release(release) {}
+  ~CSlowFinishThread() override {
+    destroyedBeforeFinish = destroyedBeforeFinish || !finished;
+    ++g_destroyed;
+  }
+  static inline std::atomic<bool> finished{false};
+  static inline std::atomic<bool> destroyedBeforeFinish{false};
+  std::atomic<bool> inFinish{false};
+
+ protected:
+  void runImpl() override {}
+  void onRunFinished() override {
+    inFinish = true;
+    m_release.wait(-1);
+    m_uses += 1;  // touches the object after the wait
+    finished = true;
+  }
+
+ private:
+  CSignal& m_release;
+  int m_uses = 0;
+};
+
+TEST_F(ThreadTest, DetachAfterTheRunKeepsTheObjectUntilTheThreadLeavesIt) {
+  // Detached after its run finished but while onRunFinished() still runs,
+  // then released elsewhere: the object must wait for the thread.
+  P<CSignal> release = createObject<CSignal>();
+  CSlowFinishThread::finished = false;
+  CSlowFinishThread::destroyedBeforeFinish = false;
+  P<CSlowFinishThread> thread = createObject<CSlowFinishThread>(*release);
+  thread->start();
+  ASSERT_TRUE(eventually([&] { return thread->inFinish.load(); }));
+  thread->detach(false);
+  thread = nullptr;
+  EXPECT_EQ(g_destroyed, 0);
+  release->set();
+  EXPECT_TRUE(eventually([] { return g_destroyed == 1; }));
+  EXPECT_TRUE(CSlowFinishThread::finished);
+  EXPECT_FALSE(CSlowFinishThread::destroyedBeforeFinish);
+}
+
 TEST_F(ThreadTest, IdentityAndLiveness) {
   EXPECT_TRUE(CThread::isThreadAlive(CThread::getCurrentID()));
   std::atomic<int64> seenID{0};
