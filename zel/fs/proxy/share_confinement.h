@@ -67,9 +67,12 @@
 // a refusal is checked once more the plain way: the path is opened (O_PATH)
 // relative to the root, following links as the operation will, and the real
 // path of what was opened (its /proc/self/fd entry) must lie beneath the
-// root's real path; a path that cannot be opened is judged by the portable
-// method. So absolute links between places of the share work, links leaving
-// it stay refused.
+// root's real path; a path that is missing on the way is judged by the
+// portable method. So absolute links between places of the share work, links
+// leaving it stay refused. Past such a stop a failure of the check itself
+// (no permission to search a folder outside the share ...) counts as leaving
+// the root, so that the answer never tells a client more about outside
+// places than that they are outside.
 //
 // Race: checking and operating are two steps. Another party writing in the
 // same folder (another connection, a local program) could replace a checked
@@ -108,6 +111,10 @@ class ZEL_API CShareConfinement : public CBase {
   // Throws as described above when components (relative to the root) do not
   // stay beneath it for an operation of the given kind.
   void check(const TArray<String>& components, Target target) const;
+  // As check(), answering instead of throwing: false wherever check() throws
+  // (a path that leaves the root, one that cannot be judged, components that
+  // are not names).
+  bool allows(const TArray<String>& components, Target target) const;
 
   // The message of the refusal.
   static const char* const kEscapeMessage;
