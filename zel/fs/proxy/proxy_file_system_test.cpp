@@ -884,6 +884,11 @@ TEST_F(ProxyScriptedServerTest, PollingSleepsBetweenTwoFinalizeRequests) {
 TEST_F(ProxyScriptedServerTest, NegativeCountsAreRefusedBeforeSending) {
   answer([](CDataOutStream& out) { out.writeInt32(1).writeInt64(3); });
   P<IIOStream> stream = m_proxy->createStream(CURI("file:///x"), IIOStream::AccessReadWrite, Flags());
+  // Answers for requests that should not come, so that a client sending
+  // them fails the checks below instead of waiting.
+  for (int i = 0; i < 5; ++i) {
+    answer([](CDataOutStream& out) { out.writeInt32(1).writeInt64(0).writeInt32(0); });
+  }
   auto refused = [](const std::function<void()>& call, const char* message) {
     expectError<CInvalidArgError>(call, [&](const CError& e) { EXPECT_EQ(e.getMessage(), message); });
   };
