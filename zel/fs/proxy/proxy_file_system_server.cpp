@@ -162,6 +162,9 @@ struct CProxyFileSystemServer::CShare : public CBase {
   CURI root;
   // Null when the share has no root folder on a local disk.
   P<CShareConfinement> confinement;
+  // A rebasing share's mapping, where its selector names one prefix; made
+  // for each request otherwise (from the URI the client used).
+  P<CShareMapping> mapping;
 };
 
 namespace {
@@ -346,6 +349,13 @@ void CProxyFileSystemServer::addShareInternal(const CURISelector& selector, IFil
       // Not a folder of the local disk: confined by URIs alone.
     }
   }
+  if (rebase) {
+    const CURI prefix = CShareMapping::prefixOf(selector);
+    if (!prefix.isEmpty()) {
+      share->mapping =
+          createObject<CShareMapping>(root, prefix, selector.isPathCaseSensitive());
+    }
+  }
   fileSystem->setLoginManager(m_loginManager.get());
   m_shares.add(share);
 }
@@ -446,7 +456,7 @@ void CProxyFileSystemServer::serve() {
     while (handleNextMessage()) {
     }
   } catch (const CError& e) {
-    if (e.isError(CIOError::errorCodeDomain(), CIOError::StreamClosed)) {
+    if (m_stopRequested.load() || e.isError(CIOError::errorCodeDomain(), CIOError::StreamClosed)) {
       // Closed on this side (a service stopping): not a failure of the client.
       logInfo("CProxyFileSystemServer: connection closed; serving ends.");
     } else if (isClientGone(e)) {
@@ -720,10 +730,13 @@ CProxyFileSystemServer::TargetLoc CProxyFileSystemServer::convertAbsoluteURI(con
     loc.shareIndex = i;
     if (share.rebase) {
       loc.uri = share.root.append(loc.remainder);
-      CURI prefix = normalized;
-      for (int n = 0; n < loc.remainder.getCount(); ++n) prefix = prefix.getParent();
-      loc.mapping = createObject<CShareMapping>(share.root, prefix,
-                                                share.selector.isPathCaseSensitive());
+      loc.mapping = share.mapping;
+      if (!loc.mapping) {
+        CURI prefix = normalized;
+        for (int n = 0; n < loc.remainder.getCount(); ++n) prefix = prefix.getParent();
+        loc.mapping = createObject<CShareMapping>(share.root, prefix,
+                                                  share.selector.isPathCaseSensitive());
+      }
       noteMapping(loc.mapping);
     } else {
       loc.uri = normalized;
