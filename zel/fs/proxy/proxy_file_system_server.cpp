@@ -905,115 +905,100 @@ void checkReturned(T* object, const char* what) {
   }
 }
 
-template <class T>
-T& lookupIn(TMap<int64, T>& table, int64 id, const char* prefix) {
-  T* entry = table.lookup(id);
+}  // namespace
+
+template <class Table, class Record>
+int64 CProxyFileSystemServer::registerIn(Table& table, Record record) {
+  const int64 id = takeHandle();
+  table[id] = std::move(record);
+  return id;
+}
+
+template <class Table>
+auto CProxyFileSystemServer::findIn(Table& table, int64 id, const char* prefix)
+    -> decltype(*table.lookup(id)) {
+  auto* entry = table.lookup(id);
   if (entry == nullptr) throwBadHandle(prefix, id);
+  noteHandleMapping(id);
   return *entry;
 }
 
-}  // namespace
+template <class Table>
+bool CProxyFileSystemServer::removeFrom(Table& table, int64 id) {
+  m_handleMappings.erase(id);
+  return table.erase(id) > 0;
+}
 
 int64 CProxyFileSystemServer::addStream(IIOStream* stream, IFileSystem* fileSystem) {
   checkReturned(stream, "stream");
-  const int64 id = takeHandle();
-  m_streams[id] = StreamRecord{P<IIOStream>(stream), P<IFileSystem>(fileSystem)};
-  return id;
+  return registerIn(m_streams, StreamRecord{P<IIOStream>(stream), P<IFileSystem>(fileSystem)});
 }
 
 CProxyFileSystemServer::StreamRecord& CProxyFileSystemServer::getStream(int64 id) {
-  StreamRecord& record = lookupIn(m_streams, id, kInvalidStreamMessage);
-  noteHandleMapping(id);
-  return record;
+  return findIn(m_streams, id, kInvalidStreamMessage);
 }
 
-bool CProxyFileSystemServer::removeStream(int64 id) {
-  m_handleMappings.erase(id);
-  return m_streams.erase(id) > 0;
-}
+bool CProxyFileSystemServer::removeStream(int64 id) { return removeFrom(m_streams, id); }
 
 int64 CProxyFileSystemServer::addFileInfo(IFileInfoBase* info) {
   checkReturned(info, "file info");
-  const int64 id = takeHandle();
-  m_fileInfos[id] = FileInfoRecord{P<IFileInfoBase>(info)};
-  return id;
+  return registerIn(m_fileInfos, FileInfoRecord{P<IFileInfoBase>(info)});
 }
 
 CProxyFileSystemServer::FileInfoRecord& CProxyFileSystemServer::getFileInfoRecord(int64 id) {
-  FileInfoRecord& record = lookupIn(m_fileInfos, id, kInvalidFileInfoMessage);
-  noteHandleMapping(id);
-  return record;
+  return findIn(m_fileInfos, id, kInvalidFileInfoMessage);
 }
 
-bool CProxyFileSystemServer::removeFileInfo(int64 id) {
-  m_handleMappings.erase(id);
-  return m_fileInfos.erase(id) > 0;
-}
+bool CProxyFileSystemServer::removeFileInfo(int64 id) { return removeFrom(m_fileInfos, id); }
 
 int64 CProxyFileSystemServer::addLock(IStreamLock* lock) {
   checkReturned(lock, "lock");
-  const int64 id = takeHandle();
-  m_locks[id] = P<IStreamLock>(lock);
-  return id;
+  return registerIn(m_locks, P<IStreamLock>(lock));
 }
 
 P<IStreamLock> CProxyFileSystemServer::getLock(int64 id) {
-  return lookupIn(m_locks, id, kInvalidLockMessage);
+  return findIn(m_locks, id, kInvalidLockMessage);
 }
 
-bool CProxyFileSystemServer::removeLock(int64 id) {
-  m_handleMappings.erase(id);
-  return m_locks.erase(id) > 0;
-}
+bool CProxyFileSystemServer::removeLock(int64 id) { return removeFrom(m_locks, id); }
 
 int64 CProxyFileSystemServer::addMetaModifier(IFileMetaModifier* modifier) {
   checkReturned(modifier, "meta modifier");
-  const int64 id = takeHandle();
-  m_metaModifiers[id] = P<IFileMetaModifier>(modifier);
-  return id;
+  return registerIn(m_metaModifiers, P<IFileMetaModifier>(modifier));
 }
 
 P<IFileMetaModifier> CProxyFileSystemServer::getMetaModifier(int64 id) {
-  P<IFileMetaModifier> modifier = lookupIn(m_metaModifiers, id, kInvalidMetaModifierMessage);
-  noteHandleMapping(id);
-  return modifier;
+  return findIn(m_metaModifiers, id, kInvalidMetaModifierMessage);
 }
 
 bool CProxyFileSystemServer::removeMetaModifier(int64 id) {
-  m_handleMappings.erase(id);
-  return m_metaModifiers.erase(id) > 0;
+  return removeFrom(m_metaModifiers, id);
 }
 
 int64 CProxyFileSystemServer::addWriteBarrier(IWriteBarrier* barrier) {
   checkReturned(barrier, "write barrier");
-  const int64 id = takeHandle();
-  m_writeBarriers[id] = P<IWriteBarrier>(barrier);
-  return id;
+  return registerIn(m_writeBarriers, P<IWriteBarrier>(barrier));
 }
 
 P<IWriteBarrier> CProxyFileSystemServer::getWriteBarrier(int64 id) {
-  return lookupIn(m_writeBarriers, id, kInvalidWriteBarrierMessage);
+  return findIn(m_writeBarriers, id, kInvalidWriteBarrierMessage);
 }
 
 bool CProxyFileSystemServer::removeWriteBarrier(int64 id) {
-  m_handleMappings.erase(id);
-  return m_writeBarriers.erase(id) > 0;
+  return removeFrom(m_writeBarriers, id);
 }
 
 int64 CProxyFileSystemServer::addBackgroundOp(IBackgroundOp* op) {
   checkReturned(op, "background operation");
-  const int64 id = takeHandle();
-  m_backgroundOps[id] = P<IBackgroundOp>(op);
-  return id;
+  return registerIn(m_backgroundOps, P<IBackgroundOp>(op));
 }
 
 P<IBackgroundOp> CProxyFileSystemServer::getBackgroundOp(int64 id) {
-  return lookupIn(m_backgroundOps, id, kInvalidBackgroundOpMessage);
+  return findIn(m_backgroundOps, id, kInvalidBackgroundOpMessage);
 }
 
 bool CProxyFileSystemServer::removeBackgroundOp(int64 id) {
-  m_handleMappings.erase(id);
-  return m_backgroundOps.erase(id) > 0;
+  return removeFrom(m_backgroundOps, id);
 }
 
 void CProxyFileSystemServer::releaseAllHandles() {

@@ -512,6 +512,13 @@ class ZEL_API CProxyFileSystemServer : public CBase, public CProxyFileSystemBase
   void checkHandleRoom() const;
   // The next handle, counted as registered by the running request.
   int64 takeHandle();
+  // The add, get and remove steps shared by the six tables.
+  template <class Table, class Record>
+  int64 registerIn(Table& table, Record record);
+  template <class Table>
+  auto findIn(Table& table, int64 id, const char* prefix) -> decltype(*table.lookup(id));
+  template <class Table>
+  bool removeFrom(Table& table, int64 id);
   // Removes id from every table.
   void forgetHandle(int64 id);
   // Records the mapping of a handle's share as one the request reached.

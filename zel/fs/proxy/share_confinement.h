@@ -24,6 +24,14 @@
 // character is refused with CInvalidArgError: the caller must vet the path
 // first.
 //
+// Links that lead out are never followed and never described: an operation
+// that would follow one is refused, and a server describing entries rather
+// than opening them (file information without following links, folder
+// listings) asks allows(components, FollowLinks) for each link it describes
+// and, when that is false, reports the link as one whose target is unknown
+// (see proxy_file_system_server.h), so that nothing a client sees depends on
+// what lies outside.
+//
 // A path that leaves the root is refused with a CFileSystemError of
 // ProblemAccessDenied, message "Proxy path leaves the shared filesystem
 // area.", whose cause is a CError (no code) with the same message and the
