@@ -14,10 +14,13 @@
 //
 // Checked: nothing crashes or leaks; every response is a whole response -
 // type 1, or type 0 followed by exactly one loadable stored error - and never
-// larger than the frame limit. Files are limited to 32 MiB (RLIMIT_FSIZE) so
-// that a request cannot make the harness fill the disk with one setLength
-// and copyFile; requests beyond it just fail. Allocations stay bounded by the
-// input and the limits of the protocol: run with -malloc_limit_mb to check.
+// larger than the frame limit; a request answered with an error leaves no
+// more handles open than before it, and the open handles never exceed the
+// server's limit (set low, so that sequences reach it). Files are limited to
+// 32 MiB (RLIMIT_FSIZE) so that a request cannot make the harness fill the
+// disk with one setLength and copyFile; requests beyond it just fail.
+// Allocations stay bounded by the input and the limits of the protocol: run
+// with -malloc_limit_mb to check.
 #include <fcntl.h>
 #include <ftw.h>
 #include <signal.h>
@@ -48,6 +51,7 @@ using zel::createObject;
 using zel::P;
 
 constexpr int kMaxFrame = 4 * 1024 * 1024;
+constexpr int kMaxHandles = 8;
 
 [[noreturn]] void fail(const char* what) {
   std::fprintf(stderr, "proxy_server_fuzzer: %s\n", what);
@@ -92,14 +96,15 @@ void setUp() {
   zel::CXMLLog::getGlobal()->setFileEnabled(false);
 }
 
-void checkResponse(CProxyFileSystemMessage& response) {
+// Whether the response is an error response (checked to be a whole one).
+bool checkResponse(CProxyFileSystemMessage& response) {
   check(response.getPayloadLength() <= kMaxFrame, "response above the frame limit");
   const auto bytes = response.getPayloadBytes();
   P<zel::CBufferStream> payload =
       createObject<zel::CBufferStream>(bytes.getData(), bytes.getSize(), true);
   P<CDataInStream> in = createObject<CDataInStream>(payload.get());
   const int type = in->readInt32();
-  if (type == CProxyFileSystemServer::ResponseResult) return;
+  if (type == CProxyFileSystemServer::ResponseResult) return false;
   check(type == CProxyFileSystemServer::ResponseError, "unknown response type");
   try {
     zel::loadError(*in);
@@ -107,14 +112,19 @@ void checkResponse(CProxyFileSystemMessage& response) {
     fail("error response does not hold a loadable error");
   }
   check(in->getPosition() == in->getLength(), "bytes after the stored error");
+  return true;
 }
 
 void handle(CProxyFileSystemServer& server, const uint8_t* data, size_t size) {
   P<zel::CBufferStream> source = createObject<zel::CBufferStream>(data, size, true);
   P<CProxyFileSystemMessage> request =
       CProxyFileSystemMessage::readPayload(*source, static_cast<int>(size));
+  const int handlesBefore = server.getOpenHandleCount();
   P<CProxyFileSystemMessage> response = server.handleMessage(*request);
-  checkResponse(*response);
+  const bool failed = checkResponse(*response);
+  check(!failed || server.getOpenHandleCount() <= handlesBefore,
+        "a failed request left a handle registered");
+  check(server.getOpenHandleCount() <= kMaxHandles, "more handles open than the limit");
 }
 
 }  // namespace
@@ -128,6 +138,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   {
     P<CProxyFileSystemServer> server = createObject<CProxyFileSystemServer>(ends.first.get());
     server->setMaxFrameLength(kMaxFrame);
+    server->setMaxOpenHandles(kMaxHandles);
     const zel::CURI root = zel::CURI::fromNativePath(zel::CNativePath(zel::String(g_root.c_str())));
     server->addShare(zel::CURISelector(zel::CURI("file:///share")), fileSystem.get(), root);
 

@@ -118,6 +118,33 @@ inline CResponse parseResponse(CProxyFileSystemMessage& message) {
   return response;
 }
 
+// The client end of a connection, speaking raw frames.
+class CRawClient {
+ public:
+  explicit CRawClient(IConnection* connection) : m_connection(connection) {}
+  void send(const Bytes& bytes) {
+    m_connection->getOutStream()->write(bytes.data(), static_cast<int>(bytes.size()));
+  }
+  void send(CRequest& request) { request.message().write(*m_connection->getOutStream()); }
+  P<CProxyFileSystemMessage> receiveMessage() {
+    return CProxyFileSystemMessage::read(*m_connection->getInStream());
+  }
+  CResponse receive() {
+    m_last = receiveMessage();
+    return parseResponse(*m_last);
+  }
+  CResponse roundTrip(CRequest& request) {
+    send(request);
+    return receive();
+  }
+  void close() { m_connection->close(); }
+  IConnection& connection() { return *m_connection; }
+
+ private:
+  P<IConnection> m_connection;
+  P<CProxyFileSystemMessage> m_last;
+};
+
 inline Bytes payloadOf(const CProxyFileSystemMessage& message) {
   auto bytes = message.getPayloadBytes();
   return Bytes(bytes.getData(), bytes.getData() + bytes.getSize());
@@ -145,6 +172,38 @@ class CFakeOp : public CBase, public IBackgroundOp {
  private:
   std::atomic<bool> m_finished{false};
   P<CError> m_error;
+};
+
+// A stream that never becomes readable (a pipe nobody writes to): its waits
+// time out, readAvailable finds nothing, and a blocking read would wait
+// forever - it fails the test instead. Counts the live streams.
+class CNeverReadableStream : public CBufferStream {
+ public:
+  explicit CNeverReadableStream(std::atomic<int>& live) : m_live(live) { ++m_live; }
+  ~CNeverReadableStream() override { --m_live; }
+
+  int64 getLength() const override { return -1; }
+  bool waitReadable(int timeout) const override {
+    if (timeout < 0) {
+      ADD_FAILURE() << "an unlimited wait reached the served stream";
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(timeout));
+    return false;
+  }
+  int readAvailable(void*, int) override { return 0; }
+  int readLax(void*, int) override {
+    ADD_FAILURE() << "a blocking read reached the served stream";
+    return 0;
+  }
+  bool isEndOfStream() const override {
+    ADD_FAILURE() << "a blocking end test reached the served stream";
+    return false;
+  }
+  int isEndOfStream_NonBlocking() const override { return 0; }
+
+ private:
+  std::atomic<int>& m_live;
 };
 
 // An in-memory file system addressed by the decoded paths of its URIs. It
@@ -185,9 +244,11 @@ class CMemFileSystem : public CBase, public IFileSystem {
   // The last symbolic link asked for: link and target.
   std::pair<CURI, CURI> getLastSymLink() const { return m_lastSymLink; }
 
-  // Hooks: when set, fileExists and deleteFile call them instead.
+  // Hooks: when set, these calls go to them instead.
   std::function<bool(const CURI&)> onFileExists;
   std::function<void(const CURI&)> onDeleteFile;
+  std::function<P<IFileInfoBase>(const CURI&)> onGetFileInfo;
+  std::function<P<IIOStream>(const CURI&)> onCreateStream;
 
   void setLoginManager(IFileSystemLoginManager* loginManager) override {
     CMutexLock lock(m_mutex);
@@ -206,6 +267,7 @@ class CMemFileSystem : public CBase, public IFileSystem {
   P<IBackgroundOp> backgroundDeleteFile(const CURI&, IDoneListener*) override { return newOp(); }
   P<IFileInfoBase> getFileInfo(const CURI& uri, bool) override {
     count();
+    if (onGetFileInfo) return onGetFileInfo(uri);
     return infoOf(need(uri));
   }
   P<IFileMetaModifier> createMetaModifier(const CURI&, bool) override { return unsupported(); }
@@ -217,6 +279,7 @@ class CMemFileSystem : public CBase, public IFileSystem {
   P<IIOStream> createStream(const CURI& uri, IIOStream::Access access,
                             TFlags<IIOStream::Flags> flags) override {
     count();
+    if (onCreateStream) return onCreateStream(uri);
     Entry* entry = find(uri);
     if (entry && flags.has(IIOStream::FlagFailIfAlreadyExists)) throw CError("exists");
     if (!entry) {

@@ -1,5 +1,6 @@
 #include "zel/ipc/in_process_connection.h"
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -24,6 +25,9 @@ struct Channel {
 
 // Shared by both ends; one lock for both directions keeps it simple.
 struct SharedState : public CBase {
+  explicit SharedState(size_t capacity) : capacity(capacity) {}
+
+  const size_t capacity;  // unread bytes per direction before a writer waits
   std::mutex mutex;
   std::condition_variable changed;
   Channel channels[2];
@@ -49,6 +53,8 @@ class CInProcessInStream : public CConnectionInStream {
     const size_t count = std::min(channel.bytes.size(), static_cast<size_t>(bytes));
     std::copy_n(channel.bytes.begin(), count, static_cast<unsigned char*>(buffer));
     channel.bytes.erase(channel.bytes.begin(), channel.bytes.begin() + static_cast<ptrdiff_t>(count));
+    // Room for a writer waiting on a full channel.
+    if (count > 0) m_state->changed.notify_all();
     return static_cast<int>(count);
   }
 
@@ -87,15 +93,27 @@ class CInProcessOutStream : public CConnectionOutStream {
   ~CInProcessOutStream() override { close(); }
 
  protected:
+  // Queues the bytes as room comes free; a close of either end (from any
+  // thread) ends the wait and fails the write.
   void send(const void* buffer, int bytes) override {
-    std::lock_guard lock(m_state->mutex);
+    std::unique_lock lock(m_state->mutex);
     Channel& channel = m_state->channels[m_channel];
-    if (channel.readerClosed || channel.writerClosed) {
-      throw CIOError(CIOError::WriteFailed, "The connection is closed");
-    }
+    const size_t capacity = m_state->capacity;
     const auto* data = static_cast<const unsigned char*>(buffer);
-    channel.bytes.insert(channel.bytes.end(), data, data + bytes);
-    m_state->changed.notify_all();
+    size_t left = static_cast<size_t>(bytes);
+    while (left > 0) {
+      m_state->changed.wait(lock, [&] {
+        return channel.readerClosed || channel.writerClosed || channel.bytes.size() < capacity;
+      });
+      if (channel.readerClosed || channel.writerClosed) {
+        throw CIOError(CIOError::WriteFailed, "The connection is closed");
+      }
+      const size_t count = std::min(left, capacity - channel.bytes.size());
+      channel.bytes.insert(channel.bytes.end(), data, data + count);
+      data += count;
+      left -= count;
+      m_state->changed.notify_all();
+    }
   }
 
   void closeTransport() override {
@@ -112,7 +130,9 @@ class CInProcessOutStream : public CConnectionOutStream {
 class CInProcessEnd : public CBase, public IConnection {
  public:
   CInProcessEnd(const P<SharedState>& state, int readChannel)
-      : m_in(createObject<CInProcessInStream>(state, readChannel)),
+      : m_state(state),
+        m_readChannel(readChannel),
+        m_in(createObject<CInProcessInStream>(state, readChannel)),
         m_out(createObject<CInProcessOutStream>(state, 1 - readChannel)) {}
   ~CInProcessEnd() override { close(); }
 
@@ -124,16 +144,28 @@ class CInProcessEnd : public CBase, public IConnection {
   }
   int64 getPeerProcessID() override { return getCurrentOSProcessID(); }
 
+  int64 unreadBytes() const {
+    std::lock_guard lock(m_state->mutex);
+    return static_cast<int64>(m_state->channels[m_readChannel].bytes.size());
+  }
+
  private:
+  P<SharedState> m_state;
+  int m_readChannel;
   P<CInProcessInStream> m_in;
   P<CInProcessOutStream> m_out;
 };
 
 }  // namespace
 
-std::pair<P<IConnection>, P<IConnection>> CInProcessConnection::createPair() {
-  P<SharedState> state = createObject<SharedState>();
+std::pair<P<IConnection>, P<IConnection>> CInProcessConnection::createPair(int capacity) {
+  P<SharedState> state = createObject<SharedState>(static_cast<size_t>(capacity < 1 ? 1 : capacity));
   return {createObject<CInProcessEnd>(state, 0), createObject<CInProcessEnd>(state, 1)};
+}
+
+int64 CInProcessConnection::getUnreadBytes(IConnection* end) {
+  const auto* own = dynamic_cast<const CInProcessEnd*>(end);
+  return own ? own->unreadBytes() : 0;
 }
 
 }  // namespace zel

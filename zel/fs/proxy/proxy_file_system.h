@@ -25,8 +25,10 @@
 // server error's message, domain, code and parameters (so the error
 // predicates answer as they would on the server), its problem, and the
 // server error itself as the cause. Errors that the client can decide alone
-// (open flags, create-folder flags, a foreign write barrier) are thrown
-// before anything is sent, with their own class. An answer of an unknown
+// (open flags, create-folder flags, a foreign write barrier, negative
+// lengths, write counts and lock ranges) are thrown before anything is sent,
+// with their own class; reads of a count of 0 or less read nothing and send
+// nothing, as every stream's do. An answer of an unknown
 // response type is logged and thrown as a CFileSystemError (problem 0, cause
 // "Internal filesystem error"); its frame was read whole, so the connection
 // stays usable.
@@ -51,8 +53,9 @@
 // Background operations: backgroundCreateFolder, backgroundMoveFileOrFolder,
 // backgroundDeleteFile and backgroundStore of at most kMaxDataChunk bytes
 // run on the server; the client's polling thread ("zel.proxyFsPoll", started
-// with the first operation) asks every 50 ms, while operations are
-// outstanding, which have finished, and completes them: the error is
+// with the first operation) asks, while operations are outstanding, which
+// have finished - poll, then sleep 50 ms, so two polls are never closer -
+// and completes them: the error is
 // recorded, the completion signal set and the done listener called, once,
 // on the polling thread. backgroundStore reads its source on the calling
 // thread before it sends the request. Larger stores run on a client-side

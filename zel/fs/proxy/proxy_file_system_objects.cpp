@@ -51,6 +51,10 @@ void CProxyFileSystem::CStream::seek(int64 position) {
 
 P<IStreamLock> CProxyFileSystem::CStream::lockRange(int64 startPos, int64 bytes, LockType type) {
   checkOpen();
+  if (startPos < 0 || bytes < 0) {
+    throw CInvalidArgError("CProxyFileSystem::CStream::lockRange",
+                           "negative start or byte count", uriParams());
+  }
   COp op(*m_fs, FuncStreamLockRange);
   op.request().writeInt64(m_handle).writeInt64(startPos).writeInt64(bytes).writeInt32(type);
   op.execute();
@@ -186,6 +190,9 @@ void CProxyFileSystem::CStream::flush() {
 
 void CProxyFileSystem::CStream::setLength(int64 length) {
   checkOpen();
+  if (length < 0) {
+    throw CInvalidArgError("CProxyFileSystem::CStream::setLength", "negative length", uriParams());
+  }
   COp op(*m_fs, FuncStreamSetLength);
   op.request().writeInt64(m_handle).writeInt64(length);
   op.execute();
@@ -495,6 +502,7 @@ CProxyFileSystem::CBackgroundOpPollThread::~CBackgroundOpPollThread() = default;
 
 void CProxyFileSystem::CBackgroundOpPollThread::signalStop() {
   CThread::signalStop();
+  m_stop.set();
   m_wake.set();
 }
 
@@ -504,7 +512,8 @@ void CProxyFileSystem::CBackgroundOpPollThread::runImpl() {
     // stopped this thread, so m_fs is not touched again.
     const bool outstanding = m_fs->pollOnce(*this);
     if (!checkContinue()) break;
-    m_wake.wait(outstanding ? kPollIntervalMs : -1);
+    m_stop.wait(kPollIntervalMs);
+    if (!outstanding) m_wake.wait(-1);
   }
 }
 

@@ -211,9 +211,11 @@ class CProxyFileSystem::CBackgroundOp : public CBase, public IBackgroundOp {
   CSignal m_finished;
 };
 
-// Asks the server every kPollIntervalMs which background operations have
-// finished, while any are outstanding; waits without a time limit while
-// none are.
+// Asks the server which background operations have finished: its run loops
+// "poll, then sleep kPollIntervalMs" while checkContinue() holds, so two
+// polls are always at least that far apart (only a stop cuts the sleep
+// short); while no operation is outstanding it waits, after that sleep,
+// until one is registered (wake()).
 class CProxyFileSystem::CBackgroundOpPollThread : public CThread {
  public:
   static constexpr int kPollIntervalMs = 50;
@@ -224,7 +226,8 @@ class CProxyFileSystem::CBackgroundOpPollThread : public CThread {
   ~CBackgroundOpPollThread() override;
 
   void signalStop() override;
-  // Cuts the current wait short (new operations, a broken connection).
+  // Ends the wait for outstanding operations (new operations, a broken
+  // connection); the sleep between two polls runs its course.
   void wake() { m_wake.set(); }
   // Called under the operations lock before the outstanding set is read, so
   // that a later wake() is not lost.
@@ -236,6 +239,7 @@ class CProxyFileSystem::CBackgroundOpPollThread : public CThread {
  private:
   CProxyFileSystem* m_fs;
   CSignal m_wake;
+  CSignal m_stop;  // set by signalStop: ends the sleep between two polls
 };
 
 }  // namespace zel

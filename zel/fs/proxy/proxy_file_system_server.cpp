@@ -1,5 +1,7 @@
 #include "zel/fs/proxy/proxy_file_system_server.h"
 
+#include <cerrno>
+#include <chrono>
 #include <climits>
 #include <string>
 #include <string_view>
@@ -81,6 +83,13 @@ size_t checkedBulkLength(CDataInStream& in, int64 length, const char* function) 
   return static_cast<size_t>(length);
 }
 
+void checkNotNegative(int64 value, const char* what, const char* function) {
+  if (value < 0) {
+    throw CInvalidArgError(function,
+                           String("negative ") + what + ": " + String::fromInt64(value));
+  }
+}
+
 P<TBuffer<unsigned char>> readBulk(CDataInStream& in, size_t length) {
   P<TBuffer<unsigned char>> data = createObject<TBuffer<unsigned char>>(length);
   if (length > 0) in.read(data->getData(), static_cast<int>(length));
@@ -153,6 +162,9 @@ struct CProxyFileSystemServer::CShare : public CBase {
   CURI root;
   // Null when the share has no root folder on a local disk.
   P<CShareConfinement> confinement;
+  // A rebasing share's mapping, where its selector names one prefix; made
+  // for each request otherwise (from the URI the client used).
+  P<CShareMapping> mapping;
 };
 
 namespace {
@@ -178,8 +190,10 @@ CURI localPrefixOf(const CURISelector& selector) {
 
 class CProxyFileSystemServer::CLoginManager::CBinding {
  public:
-  CBinding(CLoginManager& manager, IInStream* in, IOutStream* out, int maxFrameLength)
+  CBinding(CLoginManager& manager, CProxyFileSystemServer& server, IInStream* in, IOutStream* out,
+           int maxFrameLength)
       : m_manager(manager), m_previous(t_boundManager) {
+    m_manager.m_server = &server;
     m_manager.m_in = in;
     m_manager.m_out = out;
     m_manager.m_maxFrameLength = maxFrameLength;
@@ -187,6 +201,7 @@ class CProxyFileSystemServer::CLoginManager::CBinding {
   }
   ~CBinding() {
     t_boundManager = m_previous;
+    m_manager.m_server = nullptr;
     m_manager.m_in = nullptr;
     m_manager.m_out = nullptr;
   }
@@ -230,28 +245,58 @@ P<CDataInStream> CProxyFileSystemServer::CLoginManager::exchange(CProxyFileSyste
   return in;
 }
 
+namespace {
+
+// The mapping of the rebasing share a login question of the running request
+// is about: the first one whose root holds uri, else the first one (a
+// question about a place beyond the root is asked about the share as a
+// whole). Null for a request of identity shares only.
+P<CShareMapping> mappingFor(const TArray<P<CShareMapping>>& mappings, const CURI& uri) {
+  for (const P<CShareMapping>& mapping : mappings) {
+    if (!mapping->toClient(uri).isEmpty()) return mapping;
+  }
+  return mappings.isEmpty() ? P<CShareMapping>() : mappings[0];
+}
+
+}  // namespace
+
 CProps CProxyFileSystemServer::CLoginManager::getLoginInfo(const CURI& uri,
                                                            CURISelector* selector) {
   CLoginManager& active = activeOnThisThread();
+  const P<CShareMapping> mapping = mappingFor(active.m_server->m_requestMappings, uri);
+  CURI asked = uri;
+  if (mapping) {
+    asked = mapping->toClient(uri);
+    if (asked.isEmpty()) asked = mapping->getClientPrefix();
+  }
   P<CProxyFileSystemMessage> request = createObject<CProxyFileSystemMessage>();
   P<CDataOutStream> out = request->clearAndOpenOutStream();
   out->writeInt32(ResponseGetLoginInfo);
-  out->writeString(uri.toString(true));
+  out->writeString(asked.toString(true));
   P<CDataInStream> in = active.exchange(*request);
   const String propsText = in->readString();
   const CURISelector area = CURISelector::load(*in);
   CProps props = CProps::fromString(propsText);
-  if (selector) *selector = area;
+  if (selector) *selector = mapping ? mapping->areaToServer(area) : area;
   return props;
 }
 
 void CProxyFileSystemServer::CLoginManager::updateLoginInfo(const CURISelector& selector,
                                                             const CProps& props) {
   CLoginManager& active = activeOnThisThread();
+  CURISelector area = selector;
+  const TArray<P<CShareMapping>>& mappings = active.m_server->m_requestMappings;
+  if (!mappings.isEmpty()) {
+    area = CURISelector();
+    for (const P<CShareMapping>& mapping : mappings) {
+      area = mapping->areaToClient(selector);
+      if (!area.isEmpty()) break;
+    }
+  }
   P<CProxyFileSystemMessage> request = createObject<CProxyFileSystemMessage>();
   P<CDataOutStream> out = request->clearAndOpenOutStream();
   out->writeInt32(ResponseUpdateLoginInfo);
-  selector.store(*out);
+  area.store(*out);
   out->writeString(props.toString());
   active.exchange(*request);
 }
@@ -304,6 +349,13 @@ void CProxyFileSystemServer::addShareInternal(const CURISelector& selector, IFil
       // Not a folder of the local disk: confined by URIs alone.
     }
   }
+  if (rebase) {
+    const CURI prefix = CShareMapping::prefixOf(selector);
+    if (!prefix.isEmpty()) {
+      share->mapping =
+          createObject<CShareMapping>(root, prefix, selector.isPathCaseSensitive());
+    }
+  }
   fileSystem->setLoginManager(m_loginManager.get());
   m_shares.add(share);
 }
@@ -317,6 +369,12 @@ void CProxyFileSystemServer::removeShare(const CURISelector& selector) {
 void CProxyFileSystemServer::setMaxFrameLength(int length) {
   m_maxFrameLength = length < kMinFrameLength ? kMinFrameLength : length;
 }
+
+void CProxyFileSystemServer::setMaxOpenHandles(int count) {
+  m_maxOpenHandles = count < 1 ? 1 : count;
+}
+
+void CProxyFileSystemServer::requestStop() { m_stopRequested.store(true); }
 
 // ---------------------------------------------------------------------------
 // Serving
@@ -362,14 +420,47 @@ void CProxyFileSystemServer::sendResponse() {
   }
 }
 
+namespace {
+
+// Codes of system errors that mean the other end of a connection has gone.
+bool isPeerGoneCode(const CError& error) {
+  const int64 code = error.getErrorCode();
+  if (error.getErrorCodeDomain() == CError::errnoErrorDomain()) {
+    return code == EPIPE || code == ECONNRESET || code == ENOTCONN || code == ECONNABORTED;
+  }
+  // ERROR_BROKEN_PIPE, ERROR_NO_DATA, ERROR_PIPE_NOT_CONNECTED.
+  return error.getErrorCodeDomain() == CError::sysErrorDomain() &&
+         (code == 109 || code == 232 || code == 233);
+}
+
+// Whether a failure of the connection is the client going away (the end of
+// the connection, inside a frame or while the response was sent) rather than
+// a fault: every transport reports a write to a gone peer as CIOError
+// WriteFailed "The connection is closed", or with the system error as cause.
+bool isClientGone(const CError& error) {
+  if (error.getErrorCodeDomain() != CIOError::errorCodeDomain()) return false;
+  const int64 code = error.getErrorCode();
+  if (code == CIOError::UnexpectedEnd) return true;
+  if (code != CIOError::ReadFailed && code != CIOError::WriteFailed) return false;
+  if (error.getMessage() == "The connection is closed") return true;
+  for (PC<CError> cause = error.getCause(); cause; cause = cause->getCause()) {
+    if (isPeerGoneCode(*cause)) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
 void CProxyFileSystemServer::serve() {
   try {
     while (handleNextMessage()) {
     }
   } catch (const CError& e) {
-    if (e.isError(CIOError::errorCodeDomain(), CIOError::StreamClosed)) {
+    if (m_stopRequested.load() || e.isError(CIOError::errorCodeDomain(), CIOError::StreamClosed)) {
       // Closed on this side (a service stopping): not a failure of the client.
       logInfo("CProxyFileSystemServer: connection closed; serving ends.");
+    } else if (isClientGone(e)) {
+      logInfo("CProxyFileSystemServer: the client disconnected; serving ends.");
     } else {
       logError("CProxyFileSystemServer: connection failed; serving ends.", &e);
     }
@@ -417,8 +508,13 @@ void CProxyFileSystemServer::handleInto(CProxyFileSystemMessage& request,
   m_responseBulk = TConstBufferSlice<unsigned char>();
   m_fileTail = FileTail();
   m_serving = serving;
+  m_requestRegistered.clear();
+  m_requestReported.clear();
+  m_requestMappings.clear();
+  m_requestClientTexts.clear();
   try {
     P<CDataOutStream> out = response.clearAndOpenOutStream();
+    m_responseStart = out->getPosition();
     P<CDataInStream> in = request.openInStream();
     const int funcID = in->readInt32();
     const Handler* handler = m_handlers.lookup(funcID);
@@ -426,26 +522,104 @@ void CProxyFileSystemServer::handleInto(CProxyFileSystemMessage& request,
       throw CError(String("Unknown proxy filesystem function: ") + String::fromInt64(funcID),
                    String(), -1);
     }
+    // Refused before anything is done: a background operation would
+    // otherwise run without a handle to report it.
+    if (registersHandle(funcID)) checkHandleRoom();
     out->writeInt32(ResponseResult);
     {
-      CLoginManager::CBinding binding(*m_loginManager, m_in.get(), m_out.get(), m_maxFrameLength);
+      CLoginManager::CBinding binding(*m_loginManager, *this, m_in.get(), m_out.get(),
+                                      m_maxFrameLength);
       (*handler)(*this, *in, *out);
     }
     if (!m_responseBulk.isEmpty()) response.setBulkData(m_responseBulk);
     m_responseBulk = TConstBufferSlice<unsigned char>();
     const int64 length = response.getPayloadLength() + m_fileTail.count;
     if (length > m_maxFrameLength) throwTooLarge(length, m_maxFrameLength);
+    // The response stands: what it reports is forgotten now.
+    for (const int64 id : m_requestReported) removeBackgroundOp(id);
   } catch (std::exception& e) {
-    m_responseBulk = TConstBufferSlice<unsigned char>();
-    m_fileTail = FileTail();
-    rewriteAsError(response, e, &writeErrorResponse);
+    failRequest(response, e);
   } catch (...) {
-    m_responseBulk = TConstBufferSlice<unsigned char>();
-    m_fileTail = FileTail();
     CError unknown("Unknown exception.");
-    rewriteAsError(response, unknown, &writeErrorResponse);
+    failRequest(response, unknown);
   }
   m_serving = false;
+  m_requestRegistered.clear();
+  m_requestReported.clear();
+  m_requestMappings.clear();
+  m_requestClientTexts.clear();
+}
+
+void CProxyFileSystemServer::failRequest(CProxyFileSystemMessage& response, std::exception& e) {
+  m_responseBulk = TConstBufferSlice<unsigned char>();
+  m_fileTail = FileTail();
+  // A failed request leaves nothing registered.
+  for (const int64 id : m_requestRegistered) forgetHandle(id);
+  m_requestRegistered.clear();
+  P<CError> error = CStdExceptionError::exceptionToError(e);
+  if (!m_requestMappings.isEmpty()) error = clientError(*error, m_requestMappings);
+  rewriteAsError(response, *error, &writeErrorResponse);
+}
+
+bool CProxyFileSystemServer::registersHandle(int funcID) {
+  switch (funcID) {
+    case FuncStreamOpen:
+    case FuncSubDataStreamOpen:
+    case FuncFileInfoOpen:
+    case FuncStreamCreateWriteBarrier:
+    case FuncStreamLockRange:
+    case FuncMetaModifierOpen:
+    case FuncBackgroundStoreBegin:
+    case FuncBackgroundCreateFolderBegin:
+    case FuncBackgroundMoveFileBegin:
+    case FuncBackgroundDeleteFileBegin:
+      return true;
+    default:
+      return false;
+  }
+}
+
+void CProxyFileSystemServer::checkHandleRoom() const {
+  if (getOpenHandleCount() < m_maxOpenHandles) return;
+  const String message = "Too many open handles on this proxy connection (the limit is " +
+                         String::fromInt64(m_maxOpenHandles) + "); close some first.";
+  CProps params;
+  params.setInt64("maxOpenHandles", m_maxOpenHandles);
+  throw CFileSystemError(CFileSystemError::ProblemOutOfSpace,
+                         CError(message, String(), -1, params));
+}
+
+void CProxyFileSystemServer::checkAbandoned() {
+  bool clientEnded = false;
+  try {
+    clientEnded = m_in->isEndOfStream_NonBlocking() == 1;
+  } catch (const CError&) {
+    clientEnded = true;  // closed on this side
+  }
+  if (m_stopRequested.load()) {
+    throw CIOError(CIOError::StreamClosed, "The proxy file system server is stopping.");
+  }
+  if (clientEnded) {
+    throw CIOError(CIOError::StreamClosed, "The proxy file system client has gone.");
+  }
+}
+
+bool CProxyFileSystemServer::waitReadableWatching(IInStream& stream, int timeoutMs) {
+  if (timeoutMs >= 0 && timeoutMs <= kStopPollMs) return stream.waitReadable(timeoutMs);
+  using Clock = std::chrono::steady_clock;
+  const bool unlimited = timeoutMs < 0;
+  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(unlimited ? 0 : timeoutMs);
+  for (;;) {
+    int slice = kStopPollMs;
+    if (!unlimited) {
+      const auto left =
+          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+      if (left < slice) slice = left < 0 ? 0 : static_cast<int>(left);
+    }
+    if (stream.waitReadable(slice)) return true;
+    if (!unlimited && Clock::now() >= deadline) return false;
+    checkAbandoned();
+  }
 }
 
 namespace {
@@ -527,12 +701,17 @@ void CProxyFileSystemServer::validateAndSecurePath(String& path, bool backslashI
 CProxyFileSystemServer::TargetLoc CProxyFileSystemServer::readAndConvertAbsoluteURI(
     CDataInStream& in) {
   const String text = in.readString();
+  m_requestClientTexts.add(text);
   return convertAbsoluteURI(CURI(text));
 }
 
 CProxyFileSystemServer::TargetLoc CProxyFileSystemServer::convertAbsoluteURI(const CURI& uri) {
   const CURI normalized = uri.toNormalized();
   String path = normalized.getDecodedPath();
+  // The client's own texts, which errors may quote back to it.
+  m_requestClientTexts.add(normalized.toString(true));
+  m_requestClientTexts.add(path);
+  if (kBackslashIsSeparator) m_requestClientTexts.add(path.cloneReplace("\\", "/"));
   validateAndSecurePath(path, kBackslashIsSeparator);
   for (int i = 0; i < m_shares.getCount(); ++i) {
     const CShare& share = *m_shares[i];
@@ -551,6 +730,14 @@ CProxyFileSystemServer::TargetLoc CProxyFileSystemServer::convertAbsoluteURI(con
     loc.shareIndex = i;
     if (share.rebase) {
       loc.uri = share.root.append(loc.remainder);
+      loc.mapping = share.mapping;
+      if (!loc.mapping) {
+        CURI prefix = normalized;
+        for (int n = 0; n < loc.remainder.getCount(); ++n) prefix = prefix.getParent();
+        loc.mapping = createObject<CShareMapping>(share.root, prefix,
+                                                  share.selector.isPathCaseSensitive());
+      }
+      noteMapping(loc.mapping);
     } else {
       loc.uri = normalized;
     }
@@ -573,15 +760,101 @@ void CProxyFileSystemServer::confine(const TargetLoc& loc, CShareConfinement::Ta
 }
 
 CURI CProxyFileSystemServer::mapToClient(const TargetLoc& loc, const CURI& result) {
-  const CShare& share = *m_shares.getAt(loc.shareIndex);
-  if (!share.rebase) return result;
-  CURI prefix = loc.clientURI;
-  for (int i = 0; i < loc.remainder.getCount(); ++i) prefix = prefix.getParent();
-  TArray<String> below;
-  if (CURISelector(share.root, share.selector.isPathCaseSensitive()).matches(result, &below)) {
-    for (const String& segment : below) prefix = prefix.append(segment);
+  if (!loc.mapping) return result;
+  const CURI mapped = loc.mapping->toClient(result);
+  return mapped.isEmpty() ? loc.mapping->getClientPrefix() : mapped;
+}
+
+void CProxyFileSystemServer::noteMapping(const P<CShareMapping>& mapping) {
+  if (!mapping) return;
+  for (const P<CShareMapping>& known : m_requestMappings) {
+    if (known.get() == mapping.get()) return;
   }
-  return prefix;
+  m_requestMappings.add(mapping);
+}
+
+void CProxyFileSystemServer::noteHandleMapping(int64 id) {
+  if (const P<CShareMapping>* mapping = m_handleMappings.lookup(id)) noteMapping(*mapping);
+}
+
+namespace {
+
+bool looksLikeNativeAbsolutePath(const String& text) {
+  const std::wstring value = text.toStdWString();
+  if (value.empty()) return false;
+  if (value[0] == L'/' || value[0] == L'\\') return true;
+  return value.size() >= 3 && ((value[0] >= L'A' && value[0] <= L'Z') ||
+                               (value[0] >= L'a' && value[0] <= L'z')) &&
+         value[1] == L':' && (value[2] == L'\\' || value[2] == L'/');
+}
+
+}  // namespace
+
+P<IFileInfoBase> CProxyFileSystemServer::clientInfo(const TargetLoc& loc,
+                                                    const TArray<String>& components,
+                                                    const P<IFileInfoBase>& info, bool followed) {
+  if (info->getSymLinkType() == IFileInfoBase::SymLinkNone) return info;
+  const CShare& share = *m_shares.getAt(loc.shareIndex);
+  const bool leadsOut = !followed && share.confinement &&
+                        !share.confinement->allows(components, CShareConfinement::FollowLinks);
+  if (!leadsOut && !loc.mapping) return info;
+  P<CFileInfoBase> copy = createObject<CFileInfoBase>();
+  copy->construct(*info);
+  if (leadsOut) {
+    copy->setType(IFileInfoBase::TypeUnknown);
+    copy->setSymLinkType(IFileInfoBase::SymLinkUnknownTarget);
+  }
+  if (loc.mapping) {
+    bool replaced = false;
+    const String target = loc.mapping->mapText(copy->getSymLinkTargetPath(), &replaced);
+    const bool serverPath = !replaced && looksLikeNativeAbsolutePath(target);
+    copy->setSymLinkTargetPath(serverPath ? String() : target);
+  }
+  return copy;
+}
+
+P<CError> CProxyFileSystemServer::clientError(const CError& error,
+                                              const TArray<P<CShareMapping>>& mappings) const {
+  auto map = [&](const String& text, bool& replaced) {
+    String result = text;
+    replaced = false;
+    for (const P<CShareMapping>& mapping : mappings) {
+      bool one = false;
+      result = mapping->mapText(result, &one);
+      replaced |= one;
+    }
+    return result;
+  };
+  // A server location the client must not see: not mapped, not its own text,
+  // and either a native absolute path or a URI outside every share.
+  auto namesServerLocation = [&](const String& value) {
+    if (m_requestClientTexts.indexOf(value) >= 0) return false;
+    if (looksLikeNativeAbsolutePath(value)) return true;
+    try {
+      const CURI uri = CURI::parse(value);
+      if (uri.isEmpty() || !(uri.hasAuthority() || uri.getPath().safeAt(0) == L'/')) return false;
+      const CURI normalized = uri.toNormalized();
+      for (const P<CShare>& share : m_shares) {
+        if (share->selector.matches(normalized)) return false;
+      }
+      return true;
+    } catch (const CError&) {
+      return false;
+    }
+  };
+  P<CError> cause;
+  if (PC<CError> inner = error.getCause()) cause = clientError(*inner, mappings);
+  bool replaced = false;
+  const String message = map(error.getMessage(), replaced);
+  CProps params;
+  const CProps& original = error.getParams();
+  for (int i = 0; i < original.getCount(); ++i) {
+    const String value = map(original.getValue(i), replaced);
+    if (!replaced && namesServerLocation(value)) continue;
+    params.set(original.getKey(i), value);
+  }
+  return createObject<CError>(message, error.getErrorCodeDomain(), error.getErrorCode(), params,
+                              cause.get());
 }
 
 CProxyFileSystemServer::TargetLoc CProxyFileSystemServer::readTarget(CDataInStream& in,
@@ -603,105 +876,130 @@ void CProxyFileSystemServer::readTwoTargets(CDataInStream& in, Target first, Tar
 // ---------------------------------------------------------------------------
 // Handle tables
 
-int64 CProxyFileSystemServer::addStream(IIOStream* stream, IFileSystem* fileSystem) {
-  if (stream == nullptr)
-    throw CError("CProxyFileSystemServer: the file system returned no stream.");
-  const int64 id = nextHandle();
-  m_streams[id] = StreamRecord{P<IIOStream>(stream), P<IFileSystem>(fileSystem)};
+int64 CProxyFileSystemServer::takeHandle() {
+  checkHandleRoom();
+  const int64 id = m_nextHandle++;
+  m_requestRegistered.add(id);
+  // A handle of a rebasing share (or of a stream opened through one) keeps
+  // its mapping for the errors of later requests.
+  if (!m_requestMappings.isEmpty()) m_handleMappings[id] = m_requestMappings[0];
   return id;
 }
 
-CProxyFileSystemServer::StreamRecord& CProxyFileSystemServer::getStream(int64 id) {
-  StreamRecord* record = m_streams.lookup(id);
-  if (record == nullptr) throwBadHandle(kInvalidStreamMessage, id);
-  return *record;
+void CProxyFileSystemServer::forgetHandle(int64 id) {
+  m_handleMappings.erase(id);
+  m_locks.erase(id);
+  m_writeBarriers.erase(id);
+  m_metaModifiers.erase(id);
+  m_fileInfos.erase(id);
+  m_streams.erase(id);
+  m_backgroundOps.erase(id);
 }
-
-bool CProxyFileSystemServer::removeStream(int64 id) { return m_streams.erase(id) > 0; }
-
-int64 CProxyFileSystemServer::addFileInfo(IFileInfoBase* info) {
-  if (info == nullptr)
-    throw CError("CProxyFileSystemServer: the file system returned no file info.");
-  const int64 id = nextHandle();
-  m_fileInfos[id] = FileInfoRecord{P<IFileInfoBase>(info)};
-  return id;
-}
-
-CProxyFileSystemServer::FileInfoRecord& CProxyFileSystemServer::getFileInfoRecord(int64 id) {
-  FileInfoRecord* record = m_fileInfos.lookup(id);
-  if (record == nullptr) throwBadHandle(kInvalidFileInfoMessage, id);
-  return *record;
-}
-
-bool CProxyFileSystemServer::removeFileInfo(int64 id) { return m_fileInfos.erase(id) > 0; }
 
 namespace {
 
 template <class T>
-int64 addTo(TMap<int64, P<T>>& table, T* object, int64 id, const char* what) {
+void checkReturned(T* object, const char* what) {
   if (object == nullptr) {
     throw CError(String("CProxyFileSystemServer: the file system returned no ") + what + ".");
   }
-  table[id] = P<T>(object);
-  return id;
-}
-
-template <class T>
-P<T> lookupIn(TMap<int64, P<T>>& table, int64 id, const char* prefix) {
-  P<T>* entry = table.lookup(id);
-  if (entry == nullptr) throwBadHandle(prefix, id);
-  return *entry;
 }
 
 }  // namespace
 
+template <class Table, class Record>
+int64 CProxyFileSystemServer::registerIn(Table& table, Record record) {
+  const int64 id = takeHandle();
+  table[id] = std::move(record);
+  return id;
+}
+
+template <class Table>
+auto CProxyFileSystemServer::findIn(Table& table, int64 id, const char* prefix)
+    -> decltype(*table.lookup(id)) {
+  auto* entry = table.lookup(id);
+  if (entry == nullptr) throwBadHandle(prefix, id);
+  noteHandleMapping(id);
+  return *entry;
+}
+
+template <class Table>
+bool CProxyFileSystemServer::removeFrom(Table& table, int64 id) {
+  m_handleMappings.erase(id);
+  return table.erase(id) > 0;
+}
+
+int64 CProxyFileSystemServer::addStream(IIOStream* stream, IFileSystem* fileSystem) {
+  checkReturned(stream, "stream");
+  return registerIn(m_streams, StreamRecord{P<IIOStream>(stream), P<IFileSystem>(fileSystem)});
+}
+
+CProxyFileSystemServer::StreamRecord& CProxyFileSystemServer::getStream(int64 id) {
+  return findIn(m_streams, id, kInvalidStreamMessage);
+}
+
+bool CProxyFileSystemServer::removeStream(int64 id) { return removeFrom(m_streams, id); }
+
+int64 CProxyFileSystemServer::addFileInfo(IFileInfoBase* info) {
+  checkReturned(info, "file info");
+  return registerIn(m_fileInfos, FileInfoRecord{P<IFileInfoBase>(info)});
+}
+
+CProxyFileSystemServer::FileInfoRecord& CProxyFileSystemServer::getFileInfoRecord(int64 id) {
+  return findIn(m_fileInfos, id, kInvalidFileInfoMessage);
+}
+
+bool CProxyFileSystemServer::removeFileInfo(int64 id) { return removeFrom(m_fileInfos, id); }
+
 int64 CProxyFileSystemServer::addLock(IStreamLock* lock) {
-  if (lock == nullptr) throw CError("CProxyFileSystemServer: the stream returned no lock.");
-  return addTo(m_locks, lock, nextHandle(), "lock");
+  checkReturned(lock, "lock");
+  return registerIn(m_locks, P<IStreamLock>(lock));
 }
 
 P<IStreamLock> CProxyFileSystemServer::getLock(int64 id) {
-  return lookupIn(m_locks, id, kInvalidLockMessage);
+  return findIn(m_locks, id, kInvalidLockMessage);
 }
 
-bool CProxyFileSystemServer::removeLock(int64 id) { return m_locks.erase(id) > 0; }
+bool CProxyFileSystemServer::removeLock(int64 id) { return removeFrom(m_locks, id); }
 
 int64 CProxyFileSystemServer::addMetaModifier(IFileMetaModifier* modifier) {
-  if (modifier == nullptr)
-    throw CError("CProxyFileSystemServer: the file system returned no meta modifier.");
-  return addTo(m_metaModifiers, modifier, nextHandle(), "meta modifier");
+  checkReturned(modifier, "meta modifier");
+  return registerIn(m_metaModifiers, P<IFileMetaModifier>(modifier));
 }
 
 P<IFileMetaModifier> CProxyFileSystemServer::getMetaModifier(int64 id) {
-  return lookupIn(m_metaModifiers, id, kInvalidMetaModifierMessage);
+  return findIn(m_metaModifiers, id, kInvalidMetaModifierMessage);
 }
 
-bool CProxyFileSystemServer::removeMetaModifier(int64 id) { return m_metaModifiers.erase(id) > 0; }
+bool CProxyFileSystemServer::removeMetaModifier(int64 id) {
+  return removeFrom(m_metaModifiers, id);
+}
 
 int64 CProxyFileSystemServer::addWriteBarrier(IWriteBarrier* barrier) {
-  if (barrier == nullptr)
-    throw CError("CProxyFileSystemServer: the stream returned no write barrier.");
-  return addTo(m_writeBarriers, barrier, nextHandle(), "write barrier");
+  checkReturned(barrier, "write barrier");
+  return registerIn(m_writeBarriers, P<IWriteBarrier>(barrier));
 }
 
 P<IWriteBarrier> CProxyFileSystemServer::getWriteBarrier(int64 id) {
-  return lookupIn(m_writeBarriers, id, kInvalidWriteBarrierMessage);
+  return findIn(m_writeBarriers, id, kInvalidWriteBarrierMessage);
 }
 
-bool CProxyFileSystemServer::removeWriteBarrier(int64 id) { return m_writeBarriers.erase(id) > 0; }
+bool CProxyFileSystemServer::removeWriteBarrier(int64 id) {
+  return removeFrom(m_writeBarriers, id);
+}
 
 int64 CProxyFileSystemServer::addBackgroundOp(IBackgroundOp* op) {
-  if (op == nullptr) {
-    throw CError("CProxyFileSystemServer: the file system returned no background operation.");
-  }
-  return addTo(m_backgroundOps, op, nextHandle(), "background operation");
+  checkReturned(op, "background operation");
+  return registerIn(m_backgroundOps, P<IBackgroundOp>(op));
 }
 
 P<IBackgroundOp> CProxyFileSystemServer::getBackgroundOp(int64 id) {
-  return lookupIn(m_backgroundOps, id, kInvalidBackgroundOpMessage);
+  return findIn(m_backgroundOps, id, kInvalidBackgroundOpMessage);
 }
 
-bool CProxyFileSystemServer::removeBackgroundOp(int64 id) { return m_backgroundOps.erase(id) > 0; }
+bool CProxyFileSystemServer::removeBackgroundOp(int64 id) {
+  return removeFrom(m_backgroundOps, id);
+}
 
 void CProxyFileSystemServer::releaseAllHandles() {
   // Moved out first, so that releasing cannot meet a half-cleared table.
@@ -718,6 +1016,7 @@ void CProxyFileSystemServer::releaseAllHandles() {
   streams.swap(m_streams);
   TMap<int64, P<IBackgroundOp>> ops;
   ops.swap(m_backgroundOps);
+  m_handleMappings.clear();
   locks.clear();
   barriers.clear();
   modifiers.clear();
@@ -995,7 +1294,9 @@ void CProxyFileSystemServer::handler_streamSetLength(CProxyFileSystemServer& ser
                                                      CDataInStream& in, CDataOutStream&) {
   const int64 id = in.readInt64();
   const int64 length = in.readInt64();
-  server.getStream(id).stream->setLength(length);
+  IIOStream& stream = *server.getStream(id).stream;
+  checkNotNegative(length, "length", "CProxyFileSystemServer::handler_streamSetLength");
+  stream.setLength(length);
 }
 
 void CProxyFileSystemServer::handler_streamClose(CProxyFileSystemServer& server, CDataInStream& in,
@@ -1020,16 +1321,19 @@ void CProxyFileSystemServer::handler_streamReadAvailable(CProxyFileSystemServer&
 void CProxyFileSystemServer::handler_streamReadInternal(CProxyFileSystemServer& server,
                                                         CDataInStream& in, CDataOutStream& out,
                                                         bool available) {
+  const char* const function = available ? "CProxyFileSystemServer::handler_streamReadAvailable"
+                                         : "CProxyFileSystemServer::handler_streamReadLax";
   const int64 id = in.readInt64();
   const int wanted = in.readInt32();
   StreamRecord& record = server.getStream(id);
   IIOStream& stream = *record.stream;
+  checkNotNegative(wanted, "byte count", function);
   if (wanted > kMaxDataChunk) {
-    throw CInvalidArgError("CProxyFileSystemServer::handler_streamReadInternal",
-                           "read of " + String::fromInt64(wanted) +
-                               " bytes is above the limit of " + String::fromInt64(kMaxDataChunk));
+    throw CInvalidArgError(function, "read of " + String::fromInt64(wanted) +
+                                         " bytes is above the limit of " +
+                                         String::fromInt64(kMaxDataChunk));
   }
-  int64 capacity = wanted < 0 ? 0 : wanted;
+  int64 capacity = wanted;
   // Where the stream knows its length, no more is allocated than it holds.
   const int64 length = stream.getLength();
   int64 position = -1;
@@ -1071,8 +1375,14 @@ void CProxyFileSystemServer::handler_streamReadInternal(CProxyFileSystemServer& 
   } else {
     data = createObject<TBuffer<unsigned char>>(static_cast<size_t>(capacity));
   }
-  int got = available ? stream.readAvailable(data->getData(), static_cast<int>(capacity))
-                      : stream.readLax(data->getData(), static_cast<int>(capacity));
+  int got = 0;
+  if (available) {
+    got = stream.readAvailable(data->getData(), static_cast<int>(capacity));
+  } else if (length >= 0) {
+    got = stream.readLax(data->getData(), static_cast<int>(capacity));
+  } else {
+    got = server.readWatching(stream, data->getData(), static_cast<int>(capacity));
+  }
   if (got < 0 || got > capacity) got = 0;
   out.writeInt32(got);
   if (got > 0) {
@@ -1085,12 +1395,32 @@ void CProxyFileSystemServer::handler_streamWaitReadable(CProxyFileSystemServer& 
                                                         CDataInStream& in, CDataOutStream& out) {
   const int64 id = in.readInt64();
   const int timeout = in.readInt32();
-  out.writeBool(server.getStream(id).stream->waitReadable(timeout));
+  out.writeBool(server.waitReadableWatching(*server.getStream(id).stream, timeout));
 }
 
 void CProxyFileSystemServer::handler_streamIsEnd(CProxyFileSystemServer& server, CDataInStream& in,
                                                  CDataOutStream& out) {
-  out.writeBool(server.getStream(in.readInt64()).stream->isEndOfStream());
+  IIOStream& stream = *server.getStream(in.readInt64()).stream;
+  // Readable means data or the end is at hand: the test no longer waits.
+  server.waitReadableWatching(stream, -1);
+  out.writeBool(stream.isEndOfStream());
+}
+
+int CProxyFileSystemServer::readWatching(IInStream& stream, unsigned char* buffer, int bytes) {
+  int got = 0;
+  while (got < bytes) {
+    waitReadableWatching(stream, -1);
+    const int part = stream.readAvailable(buffer + got, bytes - got);
+    if (part > 0) {
+      got += part;
+      continue;
+    }
+    // Readable with nothing at hand is the end; a stream that cannot tell
+    // is read as it reads.
+    if (stream.isEndOfStream_NonBlocking() != 1) got += stream.readLax(buffer + got, bytes - got);
+    break;
+  }
+  return got;
 }
 
 void CProxyFileSystemServer::handler_streamIsEnd_NonBlocking(CProxyFileSystemServer& server,
@@ -1135,15 +1465,18 @@ void CProxyFileSystemServer::handler_writeBarrierRelease(CProxyFileSystemServer&
 
 void CProxyFileSystemServer::handler_streamLockRange(CProxyFileSystemServer& server,
                                                      CDataInStream& in, CDataOutStream& out) {
+  static const char* const kFunction = "CProxyFileSystemServer::handler_streamLockRange";
   const int64 id = in.readInt64();
   const int64 start = in.readInt64();
   const int64 bytes = in.readInt64();
   const int type = in.readInt32();
+  IIOStream& stream = *server.getStream(id).stream;
   if (type != IStreamBase::Shared && type != IStreamBase::Exclusive) {
-    throw CInvalidArgError("CProxyFileSystemServer::handler_streamLockRange",
-                           "unknown lock type " + String::fromInt64(type));
+    throw CInvalidArgError(kFunction, "unknown lock type " + String::fromInt64(type));
   }
-  P<IStreamLock> lock = server.getStream(id).stream->lockRange(
+  checkNotNegative(start, "start", kFunction);
+  checkNotNegative(bytes, "byte count", kFunction);
+  P<IStreamLock> lock = stream.lockRange(
       start, bytes, type == IStreamBase::Shared ? IStreamBase::Shared : IStreamBase::Exclusive);
   out.writeInt64(server.addLock(lock.get()));
 }
@@ -1162,6 +1495,8 @@ void CProxyFileSystemServer::handler_fileInfoOpen(CProxyFileSystemServer& server
   const bool followSymLinks = in.readBool();
   server.confine(loc, followTarget(followSymLinks));
   P<IFileInfoBase> info = loc.fileSystem->getFileInfo(loc.uri, followSymLinks);
+  if (!info) throw CError("CProxyFileSystemServer: the file system returned no file info.");
+  info = server.clientInfo(loc, loc.remainder, info, followSymLinks);
   out.writeInt64(server.addFileInfo(info.get()));
   writeInfoItemsByMask(out, *info, sentItems(*info));
 }
@@ -1187,13 +1522,18 @@ void CProxyFileSystemServer::handler_getFolderContents(CProxyFileSystemServer& s
     if (name.isEmpty()) continue;  // the empty name ends the list
     P<IFileInfoBase> info = items->getItemInfo();
     if (!info) throw CError("CProxyFileSystemServer: the folder listing returned no file info.");
+    if (info->getSymLinkType() != IFileInfoBase::SymLinkNone) {
+      TArray<String> components = loc.remainder;
+      components.add(name);
+      info = server.clientInfo(loc, components, info, false);
+    }
     out.writeString(name);
     out.writeInt32(info->getType());
     writeInfoItemsByMask(out, *info, sentItems(*info));
     // Give up as soon as the answer cannot be sent, not after the whole
     // folder has been gathered.
-    if (out.getPosition() > server.m_maxFrameLength) {
-      throwTooLarge(out.getPosition(), server.m_maxFrameLength);
+    if (server.responseBytes(out) > server.m_maxFrameLength) {
+      throwTooLarge(server.responseBytes(out), server.m_maxFrameLength);
     }
   }
   out.writeString(String());
@@ -1341,6 +1681,21 @@ void CProxyFileSystemServer::handler_backgroundDeleteFileBegin(CProxyFileSystemS
   out.writeInt64(server.addBackgroundOp(op.get()));
 }
 
+namespace {
+
+// One report of backgroundOpsFinalize: the handle, the failed flag and the
+// error.
+P<CBufferStream> finalizeReport(int64 id, const CError* error) {
+  P<CBufferStream> bytes = createObject<CBufferStream>();
+  P<CDataOutStream> out = createObject<CDataOutStream>(bytes.get());
+  out->writeInt64(id);
+  out->writeBool(error != nullptr);
+  if (error) storeError(*error, *out);
+  return bytes;
+}
+
+}  // namespace
+
 void CProxyFileSystemServer::handler_backgroundOpsFinalize(CProxyFileSystemServer& server,
                                                            CDataInStream& in, CDataOutStream& out) {
   // Every handle is looked up before anything is reported, so an unknown one
@@ -1352,24 +1707,45 @@ void CProxyFileSystemServer::handler_backgroundOpsFinalize(CProxyFileSystemServe
     server.getBackgroundOp(id);
     listed.add(id);
   }
-  TArray<int64> reported;
+  // What follows the reports: the end of the list.
+  constexpr int64 kEndBytes = 8;
   for (const int64 id : listed) {
-    if (reported.indexOf(id) >= 0) continue;  // listed twice
+    if (server.m_requestReported.indexOf(id) >= 0) continue;  // listed twice
     P<IBackgroundOp> op = server.getBackgroundOp(id);
     if (!op->hasFinished()) continue;
-    out.writeInt64(id);
+    P<CError> error;
     try {
       op->throwErrorIfFailed();
-      out.writeBool(false);
     } catch (const std::exception& e) {
-      out.writeBool(true);
-      storeError(*CStdExceptionError::exceptionToError(e), out);
+      error = CStdExceptionError::exceptionToError(e);
+      if (const P<CShareMapping>* mapping = server.m_handleMappings.lookup(id)) {
+        error = server.clientError(*error, TArray<P<CShareMapping>>{*mapping});
+      }
+      error = storable(*error);
     }
-    reported.add(id);
+    P<CBufferStream> report = finalizeReport(id, error.get());
+    const int64 room = server.m_maxFrameLength - server.responseBytes(out) - kEndBytes;
+    if (report->getLength() > room) {
+      const bool alone = server.m_requestReported.isEmpty();
+      if (!alone || !error) break;  // the rest waits for the next call
+      // Too large even alone: it could never be reported as it is.
+      CProps params;
+      const String& problemKey = CFileSystemError::paramFileSysProblem();
+      if (error->getParams().has(problemKey)) {
+        params.set(problemKey, error->getParams().get(problemKey));
+      }
+      const CError shortError("The error of the background operation is too large to send (" +
+                                  String::fromInt64(report->getLength()) + " bytes).",
+                              error->getErrorCodeDomain(), error->getErrorCode(), params);
+      report = finalizeReport(id, &shortError);
+      if (report->getLength() > room) break;
+    }
+    const auto& bytes = *report->getBuffer();
+    out.write(bytes.getData(), static_cast<int>(bytes.getSize()));
+    // Forgotten by handleInto once the response is known to be sent.
+    server.m_requestReported.add(id);
   }
   out.writeInt64(kHandleListEnd);
-  // Forgotten only once the whole answer is written.
-  for (const int64 id : reported) server.removeBackgroundOp(id);
 }
 
 // ---------------------------------------------------------------------------

@@ -20,11 +20,22 @@
 // "file:///srv/store/x". Shares are tried in the order they were added; the
 // first match wins. removeShare() removes every share with an equal
 // selector; handles already opened through it stay valid (they hold their
-// objects), new requests for its URIs are refused. URIs the server hands
-// back (getVolumeRootPath, createUniqueFilename, createUniqueFolderName) are
-// mapped back into the client's namespace for rebasing shares; a volume root
-// outside the share root is answered with the share's own prefix, since the
-// client cannot see beyond it.
+// objects), new requests for its URIs are refused.
+//
+// The client never sees the server's own paths behind a rebasing share
+// (CShareMapping): URIs the server hands back (getVolumeRootPath,
+// createUniqueFilename, createUniqueFolderName) are mapped into the
+// client's namespace, a volume root outside the share root being answered
+// with the share's own prefix; the URI of a login question is mapped the
+// same way (a URI outside the share root becomes the share's prefix), and
+// the areas of login data are mapped both ways (CShareMapping::areaToClient
+// and areaToServer). Errors of a request that reached a rebasing share -
+// error responses and the errors backgroundOpsFinalize reports - have every
+// occurrence of the root in their messages and parameters replaced by the
+// client's prefix, and parameters that still name a server location (a
+// native absolute path, or a URI that no share selects and that the client
+// did not send itself) are dropped. Link targets in file information are
+// mapped the same way; an absolute one that cannot be mapped is sent empty.
 //
 // Confining URIs (readAndConvertAbsoluteURI / convertAbsoluteURI): the text is
 // parsed and normalised, the decoded path vetted by validateAndSecurePath
@@ -67,6 +78,16 @@
 // any later access through the link is caught by the confinement check. The
 // local file system CFileSystem refuses rootless URIs itself.
 //
+// Links that lead out of a share: an operation that would follow such a link
+// is refused (the confinement check above: fileExists, folderExists,
+// pathExists, getFileInfo with followSymLinks, opening, listing through it
+// ...), and information about the link itself (getFileInfo without
+// followSymLinks, the entries of getFolderContents) describes the link and
+// never its target: its type is sent as TypeUnknown and its link type as
+// SymLinkUnknownTarget whatever lies outside, so a client cannot tell an
+// existing target from a missing one, nor a folder from a file. The link's
+// other items (times, size, owner, its own target text) are the link's own.
+//
 // Information items: fileInfoOpen and the entries of getFolderContents carry
 // the items the information object gathered (its cached-info mask) and,
 // always, the two has*Info flags; fileInfoGet carries all items.
@@ -79,6 +100,31 @@
 // functions silently ignore unknown handles. releaseAllHandles() (also run by
 // serve() when the connection ends, and by the destructor) drops all six
 // tables, releasing what they held.
+//
+// Handle limit: a connection holds at most getMaxOpenHandles() handles, all
+// six tables together (setMaxOpenHandles, default kDefaultMaxOpenHandles). A
+// request that would register one more fails, before it does anything, with
+// CFileSystemError ProblemOutOfSpace, message "Too many open handles on this
+// proxy connection (the limit is N); close some first." and the parameter
+// "maxOpenHandles"; the connection stays usable and closing handles makes
+// room again.
+//
+// Requests are all or nothing towards the tables: a request that ends as an
+// error response (an exception, or a response replaced because it is above
+// the frame limit) leaves nothing registered - what it registered is
+// released again - and loses no report of a background operation: finished
+// operations are forgotten only once their report is in a response that is
+// sent. backgroundOpsFinalize reports as many finished operations as fit in
+// one frame and leaves the rest registered for the next call; a report that
+// cannot fit even alone is sent with its error replaced by a short one (the
+// same domain, code and file-system problem, message "The error of the
+// background operation is too large to send (N bytes).").
+//
+// Count arguments: byte counts and lengths that cannot be negative are
+// refused with CInvalidArgError naming the handler (streamReadLax and
+// streamReadAvailable counts, streamSetLength, the data counts of streamWrite
+// and backgroundStoreBegin, the start and size of streamLockRange); the
+// stream is not touched.
 //
 // Login callbacks: the server's CLoginManager is set (setLoginManager) on
 // every file system shared by addShare. While a handler runs, the manager is
@@ -104,9 +150,25 @@
 // Serving: handleMessageIfAvailable() handles one request if a frame has
 // started to arrive (never waits for the first byte); handleNextMessage()
 // waits for one; serve() loops until the connection ends. A clean end
-// between frames ends serve() quietly; a frame-length violation, a frame cut
-// off or any other connection failure is logged (logError) and ends it too.
-// serve() then closes the connection and releases all handles.
+// between frames ends serve() quietly; a client that went away inside a
+// frame or while its response was being sent (the end of the connection,
+// reset, broken pipe) is a normal end too and is logged as information
+// ("CProxyFileSystemServer: the client disconnected; serving ends."); a
+// frame-length violation or any other failure is logged as an error
+// ("CProxyFileSystemServer: connection failed; serving ends.") and ends it
+// too. serve() then closes the connection and releases all handles.
+//
+// Stopping: requestStop() (any thread) makes a request that waits on a
+// served stream give up. Waits that could last without limit are served as
+// a series of waits of at most kStopPollMs, between which the server looks
+// at the stop request and at whether the client's end of the connection has
+// ended: streamWaitReadable with a time-out above kStopPollMs or none,
+// streamIsEnd, and streamReadLax on a stream of unknown length (read as
+// waits for readability and reads of what is available). Such a request then
+// fails with CIOError StreamClosed. Whoever stops a server closes its
+// connection as well, which ends the reads and writes of the serving thread;
+// a call of a served file system that never returns cannot be cut short
+// (CProxyFileSystemService gives up waiting for it).
 //
 // Serving costs: the serving functions block in the read of the next frame
 // itself and read every request into one message and build every response
@@ -127,6 +189,7 @@
 // workers and are only asked hasFinished() by backgroundOpsFinalize.
 #pragma once
 
+#include <atomic>
 #include <exception>
 
 #include "zel/core/base.h"
@@ -136,6 +199,7 @@
 #include "zel/fs/proxy/proxy_message.h"
 #include "zel/fs/proxy/proxy_protocol.h"
 #include "zel/fs/proxy/share_confinement.h"
+#include "zel/fs/proxy/share_mapping.h"
 #include "zel/ipc/connection.h"
 #include "zel/path/uri.h"
 #include "zel/fs/uri_selector.h"
@@ -175,6 +239,7 @@ class ZEL_API CProxyFileSystemServer : public CBase, public CProxyFileSystemBase
     // frame; returns its in-stream positioned after responseType 1.
     P<CDataInStream> exchange(CProxyFileSystemMessage& request);
 
+    CProxyFileSystemServer* m_server = nullptr;  // while bound
     IInStream* m_in = nullptr;
     IOutStream* m_out = nullptr;
     int m_maxFrameLength = kDefaultMaxFrameLength;
@@ -192,6 +257,8 @@ class ZEL_API CProxyFileSystemServer : public CBase, public CProxyFileSystemBase
     TArray<String> remainder;
     // Index of the share in the server's list at the time of resolving.
     int shareIndex = -1;
+    // Null for an identity share.
+    P<CShareMapping> mapping;
   };
 
   struct StreamRecord {
@@ -222,6 +289,28 @@ class ZEL_API CProxyFileSystemServer : public CBase, public CProxyFileSystemBase
   // least 64 bytes (smaller values are raised to that).
   void setMaxFrameLength(int length);
   int getMaxFrameLength() const { return m_maxFrameLength; }
+
+  // The most handles one connection holds (see the file comment); at least
+  // 1 (smaller values are raised to that). Lowering it below what is open
+  // keeps what is open and refuses new handles until enough are closed.
+  void setMaxOpenHandles(int count);
+  int getMaxOpenHandles() const { return m_maxOpenHandles; }
+  // A backup client holds a few streams, infos and locks at a time, plus the
+  // background operations it started since the last finalize (polled every
+  // 50 ms): 1024 leaves it ample room, while bounding what one connection
+  // can pin: at most 1024 server objects, of which open streams hold file
+  // descriptors - as many as the usual soft descriptor limit of a Linux
+  // process, so a server serving several clients should raise that limit or
+  // lower this one.
+  static constexpr int kDefaultMaxOpenHandles = 1024;
+
+  // Asks a request that waits on a served stream to give up (see the file
+  // comment); safe from any thread, and final.
+  void requestStop();
+  bool isStopRequested() const { return m_stopRequested.load(); }
+  // The longest single wait on a served stream between two looks at the
+  // stop request.
+  static constexpr int kStopPollMs = 100;
 
   // Handles one request if a frame has begun to arrive: false at once when
   // no byte is pending; otherwise reads the rest (blocking), handles it,
@@ -279,6 +368,19 @@ class ZEL_API CProxyFileSystemServer : public CBase, public CProxyFileSystemBase
   void confine(const TargetLoc& loc, CShareConfinement::Target target);
   // A URI returned by the file system of loc, in the client's namespace.
   CURI mapToClient(const TargetLoc& loc, const CURI& result);
+  // Information on the entry components (below the share's root) of loc's
+  // share as the client may see it: a link that leads out of the share
+  // described as the link alone, link targets mapped (see the file
+  // comment). followed: links were followed (and so stayed inside).
+  P<IFileInfoBase> clientInfo(const TargetLoc& loc, const TArray<String>& components,
+                              const P<IFileInfoBase>& info, bool followed);
+  // error as the client may see it after a request that reached the shares
+  // of mappings (see the file comment).
+  P<CError> clientError(const CError& error, const TArray<P<CShareMapping>>& mappings) const;
+  // Waits up to timeoutMs (negative: without limit) until stream is
+  // readable, in waits of at most kStopPollMs; throws CIOError StreamClosed
+  // when a stop is requested or the client's end has ended meanwhile.
+  bool waitReadableWatching(IInStream& stream, int timeoutMs);
 
   // The handle tables.
   int64 addStream(IIOStream* stream, IFileSystem* fileSystem);
@@ -404,6 +506,33 @@ class ZEL_API CProxyFileSystemServer : public CBase, public CProxyFileSystemBase
   };
 
   void initHandlerMap();
+  // Whether the function registers a handle when it succeeds.
+  static bool registersHandle(int funcID);
+  // Throws the handle-limit error when no handle can be registered.
+  void checkHandleRoom() const;
+  // The next handle, counted as registered by the running request.
+  int64 takeHandle();
+  // The add, get and remove steps shared by the six tables.
+  template <class Table, class Record>
+  int64 registerIn(Table& table, Record record);
+  template <class Table>
+  auto findIn(Table& table, int64 id, const char* prefix) -> decltype(*table.lookup(id));
+  template <class Table>
+  bool removeFrom(Table& table, int64 id);
+  // Removes id from every table.
+  void forgetHandle(int64 id);
+  // Records the mapping of a handle's share as one the request reached.
+  void noteHandleMapping(int64 id);
+  void noteMapping(const P<CShareMapping>& mapping);
+  // Ends the running request as an error response.
+  void failRequest(CProxyFileSystemMessage& response, std::exception& e);
+  // Throws when a stop is requested or the client's end has ended.
+  void checkAbandoned();
+  // readLax on a stream of unknown length, as waits for readability and
+  // reads of what is at hand (see the file comment).
+  int readWatching(IInStream& stream, unsigned char* buffer, int bytes);
+  // The bytes of the response payload written so far.
+  int64 responseBytes(CDataOutStream& out) const { return out.getPosition() - m_responseStart; }
   // The body of handleMessage: fills response. serving: the response is
   // sent before the next request is read (per-connection buffers and file
   // tails may be used).
@@ -413,7 +542,6 @@ class ZEL_API CProxyFileSystemServer : public CBase, public CProxyFileSystemBase
   void sendResponse();
   void addShareInternal(const CURISelector& selector, IFileSystem* fileSystem, const CURI& root,
                         bool rebase);
-  int64 nextHandle() { return m_nextHandle++; }
   // Reads one argument URI, resolves and confines it.
   TargetLoc readTarget(CDataInStream& in, CShareConfinement::Target target);
   // Reads two argument URIs, resolves them into one file system and confines
@@ -429,6 +557,8 @@ class ZEL_API CProxyFileSystemServer : public CBase, public CProxyFileSystemBase
   P<IInStream> m_in;
   P<IOutStream> m_out;
   int m_maxFrameLength = kDefaultMaxFrameLength;
+  int m_maxOpenHandles = kDefaultMaxOpenHandles;
+  std::atomic<bool> m_stopRequested{false};
 
   TMap<int, Handler> m_handlers;
   TArray<P<CShare>> m_shares;
@@ -440,6 +570,17 @@ class ZEL_API CProxyFileSystemServer : public CBase, public CProxyFileSystemBase
   TMap<int64, P<IFileMetaModifier>> m_metaModifiers;
   TMap<int64, P<IWriteBarrier>> m_writeBarriers;
   TMap<int64, P<IBackgroundOp>> m_backgroundOps;
+  // The mapping of every handle opened through a rebasing share.
+  TMap<int64, P<CShareMapping>> m_handleMappings;
+
+  // What the running request did: the handles it registered, the finished
+  // background operations its response reports, the rebasing shares it
+  // reached and the location texts the client sent.
+  TArray<int64> m_requestRegistered;
+  TArray<int64> m_requestReported;
+  TArray<P<CShareMapping>> m_requestMappings;
+  TArray<String> m_requestClientTexts;
+  int64 m_responseStart = 0;
 
   P<CLoginManager> m_loginManager;
   TConstBufferSlice<unsigned char> m_responseBulk;

@@ -15,6 +15,10 @@
 #include <dirent.h>
 #include <unistd.h>
 #endif
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// From the sanitizer runtime (its header is not installed with GCC).
+extern "C" size_t __sanitizer_get_current_allocated_bytes();
+#endif
 
 #include "tests/support/proxy_server_test_util.h"
 #include "tests/support/temp_folder.h"
@@ -29,6 +33,7 @@ namespace {
 
 using proxy_test::Bytes;
 using proxy_test::CMemFileSystem;
+using proxy_test::CRawClient;
 using proxy_test::CRequest;
 using proxy_test::CResponse;
 using proxy_test::parseResponse;
@@ -63,28 +68,6 @@ int countOpenDescriptors() {
 std::string nativeOf(const String& path) { return path.toStdUTF8(); }
 #endif
 
-// The client end of a connection, speaking raw frames.
-class CRawClient {
- public:
-  explicit CRawClient(IConnection* connection) : m_connection(connection) {}
-  void send(const Bytes& bytes) {
-    m_connection->getOutStream()->write(bytes.data(), static_cast<int>(bytes.size()));
-  }
-  void send(CRequest& request) { request.message().write(*m_connection->getOutStream()); }
-  P<CProxyFileSystemMessage> receiveMessage() {
-    return CProxyFileSystemMessage::read(*m_connection->getInStream());
-  }
-  CResponse receive() {
-    m_last = receiveMessage();
-    return parseResponse(*m_last);
-  }
-  void close() { m_connection->close(); }
-
- private:
-  P<IConnection> m_connection;
-  P<CProxyFileSystemMessage> m_last;
-};
-
 // args: address name, shared folder.
 ZEL_TEST_CHILD(proxy_raw_server) {
   const CURI root = CURI::fromNativePath(CNativePath(String::fromUTF8(args.at(1).c_str())));
@@ -95,69 +78,37 @@ ZEL_TEST_CHILD(proxy_raw_server) {
   });
 }
 
-// A server sharing a temporary folder of the local file system. Requests
-// are handed to it directly, or, once link() was called, sent over a
-// connection to a server in this process or in a child process; with a
-// child (one per test suite), the test works in a fresh subfolder of the
-// child's shared folder.
-class ServerTest : public ::testing::Test {
+// A test server (m_server, on an in-process connection) to which requests
+// are handed directly, or, once linkTo() was called, sent over a connection
+// to a server in this process or in a child process (one per test suite).
+class RawServerFixture : public ::testing::Test {
  protected:
-  ServerTest() {
+  RawServerFixture() {
     auto ends = CInProcessConnection::createPair();
     m_serverEnd = ends.first;
     m_clientEnd = ends.second;
-    m_fs = createObject<CFileSystem>();
-    m_folder = m_temp.getPath();
-    m_root = m_shareRoot = CURI::fromNativePath(CNativePath(m_folder));
     m_server = createObject<CTestServer>(m_serverEnd.get());
-    m_server->addShare(CURISelector(m_root), m_fs.get());
   }
-  ~ServerTest() override {
-    if (m_client) m_client->close();
-    m_client.reset();
-    m_link.reset();
-    m_server = nullptr;
-    m_fs->dispose();
-  }
+  ~RawServerFixture() override { unlink(); }
 
-  void link(Transport transport, std::unique_ptr<proxy_test::CChildServer>& child) {
+  void linkTo(Transport transport, std::unique_ptr<proxy_test::CChildServer>& child,
+              const char* childName, proxy_test::ConnectionSetup setup) {
     if (transport == Transport::ChildProcess) {
-      if (!child) child = std::make_unique<proxy_test::CChildServer>("proxy_raw_server");
-      m_folder = child->newTestFolder();
-      m_root = CURI::fromNativePath(CNativePath(m_folder));
-      m_shareRoot = CURI::fromNativePath(CNativePath(child->getFolder()));
+      if (!child) child = std::make_unique<proxy_test::CChildServer>(childName);
       m_link = std::make_unique<proxy_test::CServerLink>(*child);
     } else {
-      m_link = std::make_unique<proxy_test::CServerLink>([this](CProxyFileSystemServer& server) {
-        server.addShare(CURISelector(m_root), m_fs.get());
-        return P<CMemFileSystem>();
-      });
+      m_link = std::make_unique<proxy_test::CServerLink>(std::move(setup));
     }
     m_client = std::make_unique<CRawClient>(m_link->connect().get());
   }
-  // The handles the serving server holds.
-  int64 openHandles() {
-    if (!m_client) return m_server->getOpenHandleCount();
-    CRequest request(Server::FuncGetFileSectorSize);
-    return ok(request.uri(proxy_test::probeHandlesURI())).in->readInt64();
-  }
-  String folderFile(const std::string& name) const {
-    return m_folder + "/" + String::fromUTF8(name.c_str());
-  }
-
-  CURI uri(const std::string& relative) const {
-    CURI result = m_root;
-    std::stringstream parts(relative);
-    std::string part;
-    while (std::getline(parts, part, '/')) result = result.append(String::fromUTF8(part.c_str()));
-    return result;
+  void unlink() {
+    if (m_client) m_client->close();
+    m_client.reset();
+    m_link.reset();
   }
 
   CResponse call(CRequest& request) {
-    if (m_client) {
-      m_client->send(request);
-      return m_client->receive();
-    }
+    if (m_client) return m_client->roundTrip(request);
     m_lastResponse = m_server->handleMessage(request.message());
     return parseResponse(*m_lastResponse);
   }
@@ -175,6 +126,60 @@ class ServerTest : public ::testing::Test {
     EXPECT_EQ(response.type, 0);
     if (!response.error) throw CError("expected an error response");
     return response.error;
+  }
+  // The handles the serving server holds.
+  int64 openHandles() {
+    if (!m_client) return m_server->getOpenHandleCount();
+    CRequest request(Server::FuncGetFileSectorSize);
+    return ok(request.uri(proxy_test::probeHandlesURI())).in->readInt64();
+  }
+
+  P<IConnection> m_serverEnd;
+  P<IConnection> m_clientEnd;
+  P<CTestServer> m_server;
+  P<CProxyFileSystemMessage> m_lastResponse;
+  std::unique_ptr<proxy_test::CServerLink> m_link;
+  std::unique_ptr<CRawClient> m_client;
+};
+
+// A server sharing a temporary folder of the local file system; with a child
+// server, the test works in a fresh subfolder of the child's shared folder.
+class ServerTest : public RawServerFixture {
+ protected:
+  ServerTest() {
+    m_fs = createObject<CFileSystem>();
+    m_folder = m_temp.getPath();
+    m_root = m_shareRoot = CURI::fromNativePath(CNativePath(m_folder));
+    m_server->addShare(CURISelector(m_root), m_fs.get());
+  }
+  ~ServerTest() override {
+    unlink();
+    m_server = nullptr;
+    m_fs->dispose();
+  }
+
+  void link(Transport transport, std::unique_ptr<proxy_test::CChildServer>& child) {
+    if (transport == Transport::ChildProcess) {
+      if (!child) child = std::make_unique<proxy_test::CChildServer>("proxy_raw_server");
+      m_folder = child->newTestFolder();
+      m_root = CURI::fromNativePath(CNativePath(m_folder));
+      m_shareRoot = CURI::fromNativePath(CNativePath(child->getFolder()));
+    }
+    linkTo(transport, child, "proxy_raw_server", [this](CProxyFileSystemServer& server) {
+      server.addShare(CURISelector(m_root), m_fs.get());
+      return P<CMemFileSystem>();
+    });
+  }
+  String folderFile(const std::string& name) const {
+    return m_folder + "/" + String::fromUTF8(name.c_str());
+  }
+
+  CURI uri(const std::string& relative) const {
+    CURI result = m_root;
+    std::stringstream parts(relative);
+    std::string part;
+    while (std::getline(parts, part, '/')) result = result.append(String::fromUTF8(part.c_str()));
+    return result;
   }
 
   void writeFile(const std::string& relative, const std::string& bytes) {
@@ -198,16 +203,10 @@ class ServerTest : public ::testing::Test {
   }
 
   test::CTempFolder m_temp;
-  P<IConnection> m_serverEnd;
-  P<IConnection> m_clientEnd;
   P<CFileSystem> m_fs;
   String m_folder;   // this test's folder
   CURI m_root;       // the same
   CURI m_shareRoot;  // the shared folder
-  P<CTestServer> m_server;
-  P<CProxyFileSystemMessage> m_lastResponse;
-  std::unique_ptr<proxy_test::CServerLink> m_link;
-  std::unique_ptr<CRawClient> m_client;
 };
 
 // Every test twice: the server in this process and in a child process.
@@ -333,9 +332,8 @@ TEST_P(ServerLinkTest, StreamHandlers) {
   EXPECT_EQ(available.readBytes(available.in->readInt32()), "hello");
   CRequest notAtEnd(Server::FuncStreamIsEnd_NonBlocking);
   EXPECT_EQ(ok(notAtEnd.i64(stream)).in->readInt32(), 0);
-  // Below 0 reads nothing.
-  CRequest negative(Server::FuncStreamReadLax);
-  EXPECT_EQ(ok(negative.i64(stream).i32(-4)).in->readInt32(), 0);
+  CRequest nothing(Server::FuncStreamReadLax);
+  EXPECT_EQ(ok(nothing.i64(stream).i32(0)).in->readInt32(), 0);
 
   CRequest setLength(Server::FuncStreamSetLength);
   ok(setLength.i64(stream).i64(5));
@@ -427,6 +425,43 @@ TEST_P(ServerLinkTest, StreamArgumentsAreChecked) {
   ok(noInfoClose.i64(993));
 }
 
+// Counts and lengths that cannot be negative are refused, naming the
+// handler, before the stream is touched; the connection goes on.
+TEST_P(ServerLinkTest, NegativeCountsAreRefused) {
+  writeFile("a.txt", "abc");
+  const int64 stream = openStream("a.txt", kReadWrite);
+  auto refused = [&](CRequest& request, const std::string& function, const std::string& what) {
+    P<CError> error = fails(request);
+    EXPECT_EQ(error->getMessage().toStdUTF8(),
+              "Invalid argument passed to 'CProxyFileSystemServer::" + function + "': " + what);
+  };
+  CRequest readLax(Server::FuncStreamReadLax);
+  refused(readLax.i64(stream).i32(-1), "handler_streamReadLax", "negative byte count: -1");
+  CRequest readAvailable(Server::FuncStreamReadAvailable);
+  refused(readAvailable.i64(stream).i32(-7), "handler_streamReadAvailable",
+          "negative byte count: -7");
+  CRequest setLength(Server::FuncStreamSetLength);
+  refused(setLength.i64(stream).i64(-1), "handler_streamSetLength", "negative length: -1");
+  CRequest lockStart(Server::FuncStreamLockRange);
+  refused(lockStart.i64(stream).i64(-1).i64(2).i32(IStreamBase::Shared), "handler_streamLockRange",
+          "negative start: -1");
+  CRequest lockBytes(Server::FuncStreamLockRange);
+  refused(lockBytes.i64(stream).i64(0).i64(-2).i32(IStreamBase::Shared),
+          "handler_streamLockRange", "negative byte count: -2");
+  CRequest write(Server::FuncStreamWrite);
+  refused(write.i64(stream).i64(0).i32(-1), "handler_streamWrite",
+          "data length -1 is outside 0 to 16777216");
+  CRequest store(Server::FuncBackgroundStoreBegin);
+  refused(store.uri(uri("b.txt")).i64(-1).b(true), "handler_backgroundStoreBegin",
+          "data length -1 is outside 0 to 16777216");
+
+  CRequest position(Server::FuncStreamGetPosition);
+  EXPECT_EQ(ok(position.i64(stream)).in->readInt64(), 0);
+  EXPECT_EQ(readFile("a.txt"), "abc");
+  EXPECT_FALSE(m_fs->pathExists(uri("b.txt")));
+  EXPECT_EQ(openHandles(), 1);
+}
+
 TEST_P(ServerLinkTest, SubDataStreamOpensOrIsUnsupported) {
   writeFile("a.txt", "abc");
   CRequest open(Server::FuncSubDataStreamOpen);
@@ -496,6 +531,82 @@ TEST_P(ServerLinkTest, HandlesOfDifferentKindsAreConsecutive) {
   EXPECT_EQ(openStream("a.txt", kRead), stream + 3);
 }
 
+// The entries of a getFolderContents result by name; the type sent before
+// each entry's items must be the one they carry.
+std::map<std::string, P<CFileInfoBase>> readListing(CResponse& response) {
+  std::map<std::string, P<CFileInfoBase>> entries;
+  for (;;) {
+    const String name = response.in->readString();
+    if (name.isEmpty()) break;
+    const int type = response.in->readInt32();
+    P<CFileInfoBase> info = createObject<CFileInfoBase>();
+    Server::readInfoItems(*response.in, *info);
+    EXPECT_EQ(info->getType(), type) << name.toStdUTF8();
+    entries[name.toStdUTF8()] = info;
+  }
+  EXPECT_TRUE(response.atEnd());
+  return entries;
+}
+
+#ifndef _WIN32
+// The items of a fileInfoOpen result, after its handle (for the link tests).
+P<CFileInfoBase> readOpenedInfo(CResponse& response) {
+  response.in->readInt64();
+  P<CFileInfoBase> info = createObject<CFileInfoBase>();
+  Server::readInfoItems(*response.in, *info);
+  return info;
+}
+#endif
+
+// Beyond the limit every kind of handle is refused before anything is done;
+// the connection stays usable and closing a handle makes room again.
+TEST_F(ServerTest, HandleLimitRefusesMoreUntilOneIsClosed) {
+  writeFile("a.txt", "abc");
+  m_server->setMaxOpenHandles(4);
+  const int64 stream = openStream("a.txt", kReadWrite);
+  CRequest info(Server::FuncFileInfoOpen);
+  ok(info.uri(uri("a.txt")).b(true));
+  CRequest barrier(Server::FuncStreamCreateWriteBarrier);
+  ok(barrier.i64(stream).i64(0));
+  CRequest lock(Server::FuncStreamLockRange);
+  const int64 lockHandle =
+      ok(lock.i64(stream).i64(0).i64(1).i32(IStreamBase::Shared)).in->readInt64();
+
+  auto refused = [&](CRequest& request) {
+    P<CError> error = fails(request);
+    EXPECT_EQ(error->getMessage(),
+              "Too many open handles on this proxy connection (the limit is 4); close some "
+              "first.");
+    EXPECT_EQ(problemOf(*error), CFileSystemError::ProblemOutOfSpace);
+    EXPECT_EQ(error->getParams().get("maxOpenHandles"), "4");
+  };
+  CRequest open(Server::FuncStreamOpen);
+  refused(open.uri(uri("b.txt")).i32(kReadWrite).i32(0));
+  CRequest modifier(Server::FuncMetaModifierOpen);
+  refused(modifier.uri(uri("a.txt")).b(true));
+  CRequest secondLock(Server::FuncStreamLockRange);
+  refused(secondLock.i64(stream).i64(1).i64(1).i32(IStreamBase::Shared));
+  CRequest folder(Server::FuncBackgroundCreateFolderBegin);
+  refused(folder.uri(uri("d")).i32(0));
+  CRequest store(Server::FuncBackgroundStoreBegin);
+  refused(store.uri(uri("c.txt")).i64(1).b(true).raw("c"));
+  EXPECT_EQ(openHandles(), 4);
+  // Nothing was started.
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_FALSE(m_fs->pathExists(uri("b.txt")));
+  EXPECT_FALSE(m_fs->pathExists(uri("c.txt")));
+  EXPECT_FALSE(m_fs->pathExists(uri("d")));
+
+  CRequest exists(Server::FuncFileExists);
+  EXPECT_TRUE(ok(exists.uri(uri("a.txt"))).in->readBool());
+  CRequest release(Server::FuncLockRelease);
+  ok(release.i64(lockHandle));
+  CRequest again(Server::FuncMetaModifierOpen);
+  ok(again.uri(uri("a.txt")).b(true));
+  CRequest full(Server::FuncFileInfoOpen);
+  refused(full.uri(uri("a.txt")).b(true));
+}
+
 TEST_P(ServerLinkTest, FolderContentsListsEveryEntry) {
   writeFile("a.txt", "abc");
   CRequest create(Server::FuncCreateFolder);
@@ -503,16 +614,7 @@ TEST_P(ServerLinkTest, FolderContentsListsEveryEntry) {
   CRequest list(Server::FuncGetFolderContents);
   CResponse response = ok(list.uri(m_root));
   std::map<std::string, int> entries;
-  for (;;) {
-    const String name = response.in->readString();
-    if (name.isEmpty()) break;
-    const int type = response.in->readInt32();
-    P<CFileInfoBase> info = createObject<CFileInfoBase>();
-    Server::readInfoItems(*response.in, *info);
-    EXPECT_EQ(info->getType(), type);
-    entries[name.toStdUTF8()] = type;
-  }
-  EXPECT_TRUE(response.atEnd());
+  for (const auto& [name, info] : readListing(response)) entries[name] = info->getType();
   EXPECT_EQ(entries, (std::map<std::string, int>{{"a.txt", IFileInfoBase::TypeFile},
                                                  {"d", IFileInfoBase::TypeFolder}}));
 }
@@ -846,13 +948,15 @@ TEST_F(ServerTest, ClientDeathReleasesEveryHandle) {
 #ifndef _WIN32
     EXPECT_GE(countOpenDescriptors(), before + 3);
 #endif
-    // Half a request, then the client is gone.
+    // Half a request, then the client is gone: a normal end, not an error.
     client.send(Bytes{100, 0, 0, 0, 7, 0, 0});
     CLogCapture log;
     client.close();
     serving.join();
     EXPECT_EQ(server->getOpenHandleCount(), 0);
-    EXPECT_TRUE(log.contains(LogLevel::Error, "CProxyFileSystemServer"));
+    EXPECT_TRUE(log.contains(LogLevel::Info,
+                             "CProxyFileSystemServer: the client disconnected; serving ends."));
+    EXPECT_FALSE(log.contains(LogLevel::Error, "CProxyFileSystemServer"));
   }
 #ifndef _WIN32
   EXPECT_EQ(countOpenDescriptors(), before);
@@ -860,6 +964,143 @@ TEST_F(ServerTest, ClientDeathReleasesEveryHandle) {
   // The files are free again: an exclusive open succeeds.
   EXPECT_NO_THROW(
       m_fs->createStream(uri("a.txt"), IIOStream::AccessReadWrite, IIOStream::FlagExclusive));
+}
+
+// A client that closed between or inside frames, or before it read its
+// response, ended normally: logged as information, not as an error.
+TEST_F(ServerTest, ClientsThatGoAwayAreNoErrors) {
+  writeFile("big.bin", std::string(10000, 'b'));
+  for (const bool beforeTheResponse : {false, true}) {
+    // Too small to hold the response: the server is writing when the client goes.
+    auto ends = CInProcessConnection::createPair(64);
+    P<Server> server = createObject<Server>(ends.first.get());
+    server->addShare(CURISelector(m_root), m_fs.get());
+    CRawClient client(ends.second.get());
+    if (beforeTheResponse) {
+      CRequest open(Server::FuncStreamOpen);
+      open.uri(uri("big.bin")).i32(kRead).i32(0);
+      ASSERT_TRUE(parseResponse(*server->handleMessage(open.message())).isOK());
+      CRequest read(Server::FuncStreamReadLax);
+      client.send(read.i64(1).i32(10000));
+    } else {
+      client.send(Bytes{40, 0, 0, 0, 7});
+    }
+    CLogCapture log;
+    std::thread serving([&] { server->serve(); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    client.close();
+    serving.join();
+    EXPECT_TRUE(log.contains(LogLevel::Info,
+                             "CProxyFileSystemServer: the client disconnected; serving ends."))
+        << beforeTheResponse;
+    EXPECT_FALSE(log.contains(LogLevel::Error, "CProxyFileSystemServer")) << beforeTheResponse;
+  }
+}
+
+// The bytes this process has allocated, where the allocator can tell (the
+// sanitizer lanes); -1 elsewhere.
+int64 allocatedBytes() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  return static_cast<int64>(__sanitizer_get_current_allocated_bytes());
+#else
+  return -1;
+#endif
+}
+
+// A client that sends requests (large reads among them) and never reads the
+// answers stops the server at the connection's capacity: neither the
+// connection nor the server buffer the answers, and closing the connection
+// ends the serving.
+TEST_F(ServerTest, ANonReadingClientCannotGrowTheServersMemory) {
+  constexpr int kReadSize = 1 << 20;
+  constexpr int kRequests = 2000;
+  writeFile("big.bin", std::string(kReadSize, 'b'));
+  const CURI missing = uri(std::string(1000, 'm'));
+  auto ends = CInProcessConnection::createPair();
+  P<Server> server = createObject<Server>(ends.first.get());
+  server->addShare(CURISelector(m_root), m_fs.get());
+  const int64 before = allocatedBytes();
+  std::thread serving([&] { server->serve(); });
+  std::atomic<int> sent{0};
+  std::thread flood([&, connection = ends.second] {
+    CRawClient client(connection.get());
+    try {
+      CRequest open(Server::FuncStreamOpen);
+      client.send(open.uri(uri("big.bin")).i32(kRead).i32(0));
+      for (int i = 0; i < kRequests; ++i) {
+        if (i % 10 == 0) {
+          CRequest seek(Server::FuncStreamSeek);
+          client.send(seek.i64(1).i64(0));
+          CRequest read(Server::FuncStreamReadLax);
+          client.send(read.i64(1).i32(kReadSize));
+        } else {
+          CRequest exists(Server::FuncFileExists);
+          client.send(exists.uri(missing));
+        }
+        sent = i + 1;
+      }
+    } catch (const CError&) {
+      // The connection was closed under the blocked write.
+    }
+  });
+  // Until the flood has stalled: nothing sent for 300 ms.
+  for (int last = -1; last != sent.load();) {
+    last = sent.load();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  }
+  EXPECT_LT(sent.load(), kRequests) << "every request was taken: their answers are parked";
+  const int64 capacity = CInProcessConnection::kDefaultCapacity;  // a copy: not exported data
+  EXPECT_LE(CInProcessConnection::getUnreadBytes(ends.second.get()), capacity);
+  if (before >= 0) {
+    // 200 unread answers of 1 MiB would be 200 MiB.
+    EXPECT_LT(allocatedBytes() - before, int64{32} << 20);
+  }
+  ends.second->close();
+  flood.join();
+  serving.join();
+  EXPECT_EQ(server->getOpenHandleCount(), 0);
+}
+
+// A request waiting on a served stream that never becomes readable gives up
+// when the server is asked to stop, or when its client has gone.
+TEST_F(ServerTest, WaitsOnAServedStreamEndWithAStopOrTheClient) {
+  std::atomic<int> live{0};
+  P<CMemFileSystem> pipes = createObject<CMemFileSystem>();
+  pipes->onCreateStream = [&live](const CURI&) {
+    return P<IIOStream>(createObject<proxy_test::CNeverReadableStream>(live));
+  };
+  for (const bool stop : {true, false}) {
+    for (const int func :
+         {Server::FuncStreamWaitReadable, Server::FuncStreamIsEnd, Server::FuncStreamReadLax}) {
+      SCOPED_TRACE(std::string(stop ? "stop, " : "client gone, ") +
+                   Server::getFuncName(func).toStdUTF8());
+      auto ends = CInProcessConnection::createPair();
+      P<Server> server = createObject<Server>(ends.first.get());
+      server->addShare(CURISelector(CURI("mem:///pipes")), pipes.get());
+      CRawClient client(ends.second.get());
+      std::thread serving([&] { server->serve(); });
+      CRequest open(Server::FuncStreamOpen);
+      const int64 stream = client.roundTrip(open.str("mem:///pipes/p").i32(kRead).i32(0))
+                               .in->readInt64();
+      CRequest wait(func);
+      wait.i64(stream);
+      if (func != Server::FuncStreamIsEnd) wait.i32(func == Server::FuncStreamReadLax ? 16 : -1);
+      client.send(wait);
+      std::this_thread::sleep_for(std::chrono::milliseconds(250));
+      EXPECT_FALSE(client.connection().getInStream()->waitReadable(0)) << "answered at once";
+      const auto start = std::chrono::steady_clock::now();
+      if (stop) {
+        server->requestStop();
+        CResponse response = client.receive();
+        EXPECT_EQ(response.error ? response.error->getMessage().toStdUTF8() : response.describe(),
+                  "The proxy file system server is stopping.");
+      }
+      client.close();
+      serving.join();
+      EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+      EXPECT_EQ(live.load(), 0) << "the stream was not released";
+    }
+  }
 }
 
 TEST_F(ServerTest, DestroyingTheServerReleasesHandles) {
@@ -900,29 +1141,14 @@ P<CMemFileSystem> shareMemFiles(CProxyFileSystemServer& server) {
 // args: address name (and an unused folder).
 ZEL_TEST_CHILD(proxy_mem_server) { return proxy_test::runChildServer(args.at(0), shareMemFiles); }
 
-// The in-memory share, handled directly or over a connection as in
-// ServerTest; every connection gets a fresh server and share.
-class FakeShareTest : public ::testing::Test {
+// The in-memory share, handled directly or over a connection; every
+// connection gets a fresh server and share.
+class FakeShareTest : public RawServerFixture {
  protected:
-  FakeShareTest() {
-    auto ends = CInProcessConnection::createPair();
-    m_serverEnd = ends.first;
-    m_clientEnd = ends.second;
-    m_server = createObject<CTestServer>(m_serverEnd.get());
-    m_fs = shareMemFiles(*m_server);
-  }
-  ~FakeShareTest() override {
-    if (m_client) m_client->close();
-  }
+  FakeShareTest() { m_fs = shareMemFiles(*m_server); }
 
   void link(Transport transport, std::unique_ptr<proxy_test::CChildServer>& child) {
-    if (transport == Transport::ChildProcess) {
-      if (!child) child = std::make_unique<proxy_test::CChildServer>("proxy_mem_server");
-      m_link = std::make_unique<proxy_test::CServerLink>(*child);
-    } else {
-      m_link = std::make_unique<proxy_test::CServerLink>(shareMemFiles);
-    }
-    m_client = std::make_unique<CRawClient>(m_link->connect().get());
+    linkTo(transport, child, "proxy_mem_server", shareMemFiles);
   }
   // The calls that reached the share.
   int calls() {
@@ -930,28 +1156,13 @@ class FakeShareTest : public ::testing::Test {
     CRequest request(Server::FuncGetFreeSpaceInFolder);
     return static_cast<int>(call(request.uri(proxy_test::probeCallsURI())).in->readInt64());
   }
-
-  CResponse call(CRequest& request) {
-    if (m_client) {
-      m_client->send(request);
-      return m_client->receive();
-    }
-    m_lastResponse = m_server->handleMessage(request.message());
-    return parseResponse(*m_lastResponse);
-  }
   CResponse callText(int func, const String& uriText) {
     CRequest request(func);
     request.str(uriText);
     return call(request);
   }
 
-  P<IConnection> m_serverEnd;
-  P<IConnection> m_clientEnd;
   P<CMemFileSystem> m_fs;
-  P<CTestServer> m_server;
-  P<CProxyFileSystemMessage> m_lastResponse;
-  std::unique_ptr<proxy_test::CServerLink> m_link;
-  std::unique_ptr<CRawClient> m_client;
 };
 
 class FakeShareLinkTest : public FakeShareTest, public ::testing::WithParamInterface<Transport> {
@@ -1177,6 +1388,89 @@ TEST_F(FakeShareTest, BackgroundOpsAreReportedOnceAndNeverLost) {
   EXPECT_EQ(m_server->getOpenHandleCount(), 0);
 }
 
+// A request that ends as an error response - its items could not be
+// written, or its response is above the frame limit - leaves no handle
+// behind; handle numbers are still never reused.
+TEST_F(FakeShareTest, FailedRequestsRegisterNothing) {
+  class CUnreadableInfo : public CFileInfoBase {
+   public:
+    String getUnixUserName() override { throw CError("no user database"); }
+  };
+  m_fs->onGetFileInfo = [](const CURI&) {
+    P<CUnreadableInfo> info = createObject<CUnreadableInfo>();
+    info->setCachedInfoMask(IFileInfoBase::CachedUnixUserName);
+    return P<IFileInfoBase>(info);
+  };
+  CRequest unreadable(Server::FuncFileInfoOpen);
+  EXPECT_EQ(fails(unreadable.str("file:///share/a.txt").b(true))->getMessage(), "no user database");
+  EXPECT_EQ(m_server->getOpenHandleCount(), 0);
+
+  m_fs->onGetFileInfo = [](const CURI&) {
+    P<CFileInfoBase> info = createObject<CFileInfoBase>();
+    info->setSymLinkTargetPath(String(std::wstring(3000, L't')));
+    return P<IFileInfoBase>(info);
+  };
+  m_server->setMaxFrameLength(1024);
+  CRequest large(Server::FuncFileInfoOpen);
+  EXPECT_TRUE(fails(large.str("file:///share/a.txt").b(false))->isError("IO", CIOError::InvalidData));
+  EXPECT_EQ(m_server->getOpenHandleCount(), 0);
+
+  m_fs->onGetFileInfo = nullptr;
+  CRequest good(Server::FuncFileInfoOpen);
+  EXPECT_EQ(call(good.str("file:///share/a.txt").b(true)).in->readInt64(), 3);
+  EXPECT_EQ(m_server->getOpenHandleCount(), 1);
+}
+
+// A finalize answer above the frame limit would lose the reports it drops:
+// the server reports what fits and keeps the rest for the next call.
+TEST_F(FakeShareTest, FinalizeReportsWhatFitsAndKeepsTheRest) {
+  constexpr int kLimit = 300;
+  m_server->setMaxFrameLength(kLimit);
+  std::vector<int64> outstanding;
+  for (int i = 0; i < 6; ++i) {
+    CRequest begin(Server::FuncBackgroundDeleteFileBegin);
+    outstanding.push_back(call(begin.str("file:///share/a.txt")).in->readInt64());
+  }
+  for (int i = 0; i < 5; ++i) {
+    const CError failure("delete failed " + String(std::wstring(60, L'x')) + String::fromInt64(i),
+                         "errno", 13);
+    m_fs->getOps()[static_cast<size_t>(i)]->finish(&failure);
+  }
+  CProps params;
+  params.set(CFileSystemError::paramFileSysProblem(), "5");
+  params.set("detail", String(std::wstring(2000, L'y')));
+  const CError huge("huge", "errno", 5, params);
+  m_fs->getOps()[5]->finish(&huge);
+
+  std::map<int64, P<CError>> reported;
+  int answers = 0;
+  while (!outstanding.empty() && answers < 20) {
+    ++answers;
+    CRequest finalize(Server::FuncBackgroundOpsFinalize);
+    for (int64 handle : outstanding) finalize.i64(handle);
+    CResponse response = call(finalize.i64(-1));
+    ASSERT_TRUE(response.isOK()) << response.describe();
+    EXPECT_LE(m_lastResponse->getPayloadLength(), kLimit);
+    for (int64 handle; (handle = response.in->readInt64()) != -1;) {
+      EXPECT_EQ(reported.count(handle), 0u) << "reported twice: " << handle;
+      reported[handle] = response.in->readBool() ? loadError(*response.in) : P<CError>();
+      outstanding.erase(std::remove(outstanding.begin(), outstanding.end(), handle),
+                        outstanding.end());
+    }
+  }
+  ASSERT_EQ(reported.size(), 6u);
+  EXPECT_GT(answers, 2);
+  EXPECT_EQ(reported[1]->getMessage(), "delete failed " + String(std::wstring(60, L'x')) + "0");
+  // Too large even alone: sent with a short error of the same kind.
+  const P<CError>& shortened = reported[6];
+  ASSERT_TRUE(shortened);
+  EXPECT_TRUE(shortened->getMessage().getWxString().StartsWith(
+      "The error of the background operation is too large to send ("));
+  EXPECT_TRUE(shortened->isError("errno", 5));
+  EXPECT_EQ(problemOf(*shortened), 5);
+  EXPECT_EQ(m_server->getOpenHandleCount(), 0);
+}
+
 // ---------------------------------------------------------------------------
 // Rebasing shares
 
@@ -1202,6 +1496,68 @@ TEST_F(ServerTest, RebasingShareMapsBothWays) {
   CRequest outside(Server::FuncFileExists);
   EXPECT_EQ(fails(outside.str("file:///backupx/a"))->getMessage(),
             "Proxy URI does not reference a shared filesystem area.");
+}
+
+// Behind a rebasing share the client sees its own URIs only: in error
+// responses, in the errors of background operations, in link targets.
+TEST_F(ServerTest, RebasingShareShowsNoServerPath) {
+  m_server->addShare(CURISelector(CURI("file:///backup")), m_fs.get(), m_root);
+  writeFile("a.txt", "abc");
+  const std::vector<std::string> serverForms = {
+      m_folder.toStdUTF8(), m_root.toString(true).toStdUTF8(), m_root.toString(false).toStdUTF8()};
+  auto expectNoServerPath = [&](const CError& error) {
+    for (const CError* level = &error; level; level = level->getCause().get()) {
+      std::string texts = level->getMessage().toStdUTF8();
+      const CProps& params = level->getParams();
+      for (int i = 0; i < params.getCount(); ++i) texts += "\n" + params.getValue(i).toStdUTF8();
+      for (const std::string& form : serverForms) {
+        EXPECT_EQ(texts.find(form), std::string::npos) << texts;
+      }
+    }
+  };
+
+  CRequest remove(Server::FuncDeleteFile);
+  P<CError> error = fails(remove.str("file:///backup/nosuch").b(false));
+  EXPECT_EQ(problemOf(*error), CFileSystemError::ProblemNotFound);
+  EXPECT_EQ(error->getParams().get("uri"), "file:///backup/nosuch");
+  expectNoServerPath(*error);
+  CRequest move(Server::FuncMoveFile);
+  error = fails(move.str("file:///backup/nosuch").str("file:///backup/b%20c").b(false));
+  EXPECT_EQ(error->getParams().get("from"), "file:///backup/nosuch");
+  EXPECT_EQ(error->getParams().get("to"), "file:///backup/b%20c");
+  expectNoServerPath(*error);
+  // On a handle opened through the share.
+  CRequest open(Server::FuncStreamOpen);
+  const int64 stream = ok(open.str("file:///backup/a.txt").i32(kRead).i32(0)).in->readInt64();
+  CRequest write(Server::FuncStreamWrite);
+  error = fails(write.i64(stream).i64(0).i32(1).raw("x"));
+  EXPECT_EQ(error->getParams().get("uri"), "file:///backup/a.txt");
+  expectNoServerPath(*error);
+  // Background operations report their errors the same way.
+  CRequest background(Server::FuncBackgroundDeleteFileBegin);
+  const int64 op = ok(background.str("file:///backup/gone")).in->readInt64();
+  auto reported = finalizeAll([this](CRequest& r) { return call(r); }, {op});
+  ASSERT_TRUE(reported[op]);
+  EXPECT_EQ(reported[op]->getParams().get("uri"), "file:///backup/gone");
+  expectNoServerPath(*reported[op]);
+#ifndef _WIN32
+  test::CTempFolder outside;
+  ASSERT_EQ(::symlink(nativeOf(outside.getPath()).c_str(), nativeOf(folderFile("out")).c_str()), 0);
+  ASSERT_EQ(::symlink(nativeOf(folderFile("a.txt")).c_str(), nativeOf(folderFile("abs")).c_str()), 0);
+  CRequest escape(Server::FuncStreamOpen);
+  error = fails(escape.str("file:///backup/out/x").i32(kRead).i32(0));
+  EXPECT_EQ(error->getMessage(), CShareConfinement::kEscapeMessage);
+  ASSERT_TRUE(error->getCause());
+  EXPECT_EQ(error->getCause()->getParams().get("rootPath"), "file:///backup");
+  expectNoServerPath(*error);
+  // A link target inside is shown in the client's namespace, one outside not at all.
+  CRequest inside(Server::FuncFileInfoOpen);
+  CResponse insideInfo = ok(inside.str("file:///backup/abs").b(false));
+  EXPECT_EQ(readOpenedInfo(insideInfo)->getSymLinkTargetPath(), "file:///backup/a.txt");
+  CRequest out(Server::FuncFileInfoOpen);
+  CResponse outInfo = ok(out.str("file:///backup/out").b(false));
+  EXPECT_EQ(readOpenedInfo(outInfo)->getSymLinkTargetPath(), "");
+#endif
 }
 
 // ---------------------------------------------------------------------------
@@ -1258,13 +1614,11 @@ TEST_P(LinkEscapeTest, ReadingThroughALinkOutsideIsRefused) {
   EXPECT_FALSE(m_fs->pathExists(uri("copy.txt")));
   EXPECT_EQ(m_server->getOpenHandleCount(), 0);
 
-  // The link itself may be looked at and removed; its target stays.
+  // The link itself may be looked at (it tells nothing of its target) and
+  // removed; its target stays.
   CRequest linkInfo(Server::FuncFileInfoOpen);
   CResponse response = ok(linkInfo.uri(uri("s.txt")).b(false));
-  response.in->readInt64();
-  P<CFileInfoBase> info = createObject<CFileInfoBase>();
-  Server::readInfoItems(*response.in, *info);
-  EXPECT_EQ(info->getSymLinkType(), IFileInfoBase::SymLinkFile);
+  EXPECT_EQ(readOpenedInfo(response)->getSymLinkType(), IFileInfoBase::SymLinkUnknownTarget);
   CRequest remove(Server::FuncDeleteSymLink);
   ok(remove.uri(uri("s.txt")));
   EXPECT_TRUE(outsideHas("secret.txt"));
@@ -1272,6 +1626,45 @@ TEST_P(LinkEscapeTest, ReadingThroughALinkOutsideIsRefused) {
   ASSERT_EQ(::symlink("inside.txt", nativeOf(folderFile("good.txt")).c_str()), 0);
   CRequest good(Server::FuncStreamOpen);
   EXPECT_GT(ok(good.uri(uri("good.txt")).i32(kRead).i32(0)).in->readInt64(), 0);
+}
+
+// What a link that leads out of the share points to stays unknown: an
+// existing outside folder, an outside file and a missing target look alike,
+// described or listed, and following any of them is refused alike.
+TEST_P(LinkEscapeTest, LinkInformationNeverDescribesAnOutsideTarget) {
+  link(m_outside.file("missing"), "gone");
+  ASSERT_EQ(::symlink("inside.txt", nativeOf(folderFile("good.txt")).c_str()), 0);
+  const std::vector<std::string> leading = {"out", "s.txt", "rel.txt", "dangling.txt", "gone"};
+  for (const std::string& name : leading) {
+    CRequest describe(Server::FuncFileInfoOpen);
+    CResponse response = ok(describe.uri(uri(name)).b(false));
+    P<CFileInfoBase> info = readOpenedInfo(response);
+    EXPECT_EQ(info->getType(), IFileInfoBase::TypeUnknown) << name;
+    EXPECT_EQ(info->getSymLinkType(), IFileInfoBase::SymLinkUnknownTarget) << name;
+    EXPECT_EQ(info->getSymLinkFlavor(), IFileInfoBase::SymLinkFlavorUnix) << name;
+  }
+  CRequest list(Server::FuncGetFolderContents);
+  CResponse listing = ok(list.uri(m_root));
+  auto entries = readListing(listing);
+  for (const std::string& name : leading) {
+    ASSERT_TRUE(entries.count(name)) << name;
+    EXPECT_EQ(entries[name]->getType(), IFileInfoBase::TypeUnknown) << name;
+    EXPECT_EQ(entries[name]->getSymLinkType(), IFileInfoBase::SymLinkUnknownTarget) << name;
+  }
+  // Links that stay inside are described as usual.
+  EXPECT_EQ(entries["good.txt"]->getType(), IFileInfoBase::TypeFile);
+  EXPECT_EQ(entries["good.txt"]->getSymLinkType(), IFileInfoBase::SymLinkFile);
+  EXPECT_EQ(entries["inside.txt"]->getSymLinkType(), IFileInfoBase::SymLinkNone);
+
+  for (const char* name : {"out", "gone"}) {
+    for (int func : {Server::FuncFileExists, Server::FuncFolderExists, Server::FuncPathExists,
+                     Server::FuncIsFolderEmpty}) {
+      CRequest exists(func);
+      expectEscapeRefused(call(exists.uri(uri(name))), name);
+    }
+    CRequest followed(Server::FuncFileInfoOpen);
+    expectEscapeRefused(call(followed.uri(uri(name)).b(true)), name);
+  }
 }
 
 TEST_P(LinkEscapeTest, WritingThroughALinkOutsideIsRefused) {
@@ -1335,7 +1728,7 @@ INSTANTIATE_TEST_SUITE_P(, LinkEscapeTest, ::testing::Values(Transport::InProces
 
 class LoginCallbackTest : public FakeShareTest {
  protected:
-  LoginCallbackTest() : m_client(m_clientEnd.get()) {
+  LoginCallbackTest() : m_raw(m_clientEnd.get()) {
     m_fs->onFileExists = [this](const CURI& uri) {
       CURISelector area;
       CProps props = m_fs->getLoginManagerSet()->getLoginInfo(uri, &area);
@@ -1354,12 +1747,12 @@ class LoginCallbackTest : public FakeShareTest {
   // for the callback frame, and returns the final response.
   template <class Answer>
   CResponse exchange(CRequest& request, int expectedCallback, Answer answer) {
-    m_client.send(request);
+    m_raw.send(request);
     std::thread serving([this] { m_server->handleNextMessage(); });
-    CResponse callback = m_client.receive();
+    CResponse callback = m_raw.receive();
     EXPECT_EQ(callback.type, expectedCallback);
     answer(callback);
-    CResponse result = m_client.receive();
+    CResponse result = m_raw.receive();
     serving.join();
     return result;
   }
@@ -1370,7 +1763,7 @@ class LoginCallbackTest : public FakeShareTest {
     message.write(*m_clientEnd->getOutStream());
   }
 
-  CRawClient m_client;
+  CRawClient m_raw;
   CURISelector m_seenArea;
 };
 
@@ -1471,6 +1864,33 @@ TEST_F(LoginCallbackTest, CallbacksGoToTheConnectionOfTheRunningRequest) {
   EXPECT_TRUE(result.in->readBool());
   char byte;
   EXPECT_EQ(ends.second->getInStream()->readAvailable(&byte, 1), 0);
+}
+
+// Behind a rebasing share the questions and the areas are in the client's
+// namespace, and the areas it answers with reach the file system in its own.
+TEST_F(LoginCallbackTest, RebasingShareAsksInTheClientsNamespace) {
+  m_server->addShare(CURISelector(CURI("zel://box")), m_fs.get(), CURI("file:///share"));
+  CRequest request(Server::FuncFileExists);
+  request.str("zel://box/docs/b.txt");
+  CResponse result = exchange(request, Server::ResponseGetLoginInfo, [&](CResponse& callback) {
+    EXPECT_EQ(callback.in->readString(), "zel://box/docs/b.txt");
+    answer([](CDataOutStream& out) {
+      out.writeInt32(1);
+      out.writeString("\"user\"=\"bob\"");
+      CURISelector(CURI("zel://box/docs")).store(out);
+    });
+  });
+  ASSERT_TRUE(result.isOK()) << result.describe();
+  EXPECT_TRUE(result.in->readBool());
+  EXPECT_EQ(m_seenArea, CURISelector(CURI("file:///share/docs")));
+
+  CRequest update(Server::FuncDeleteFile);
+  update.str("zel://box/a.txt").b(false);
+  CResponse updated = exchange(update, Server::ResponseUpdateLoginInfo, [&](CResponse& callback) {
+    EXPECT_EQ(CURISelector::load(*callback.in), CURISelector(CURI("zel://box/docs")));
+    answer([](CDataOutStream& out) { out.writeInt32(1); });
+  });
+  EXPECT_TRUE(updated.isOK()) << updated.describe();
 }
 
 TEST_F(LoginCallbackTest, OutsideARequestThereIsNobodyToAsk) {

@@ -6,6 +6,7 @@
 #include "zel/fs/proxy/proxy_file_system_server.h"
 #include "zel/ipc/pipe.h"
 #include "zel/log/xml_log.h"
+#include "zel/path/time.h"
 #include "zel/thread/thread.h"
 
 namespace zel {
@@ -14,6 +15,8 @@ const char* const CProxyFileSystemService::kAcceptThreadName = "zel.proxyfs.acce
 const char* const CProxyFileSystemService::kConnectionThreadName = "zel.proxyfs.connection";
 const char* const CProxyFileSystemService::kAcceptFailedMessage =
     "Exception trying to accept incoming named pipe IPC connection. Ignoring.";
+const char* const CProxyFileSystemService::kStuckConnectionMessage =
+    "CProxyFileSystemService: a connection thread did not end in time; it finishes on its own.";
 
 namespace {
 
@@ -43,7 +46,13 @@ class CProxyFileSystemService::CConnectionThread : public CThread {
     setThreadName(kConnectionThreadName);
   }
 
-  void closeConnection() {
+  // Asks the server to stop and closes the connection; any thread.
+  void stopServing() {
+    {
+      // Under the lock the server cannot be released meanwhile.
+      CMutexLock lock(m_serverMutex);
+      if (m_server) m_server->requestStop();
+    }
     try {
       m_connection->close();
     } catch (const CError& e) {
@@ -54,21 +63,33 @@ class CProxyFileSystemService::CConnectionThread : public CThread {
 
  protected:
   void runImpl() override {
-    m_server->serve();
+    P<CProxyFileSystemServer> server;
+    {
+      CMutexLock lock(m_serverMutex);
+      server = m_server;
+    }
+    server->serve();
+    {
+      CMutexLock lock(m_serverMutex);
+      m_server = nullptr;
+    }
     // The server goes with the run: its handles are released here, on this
     // thread, and not whenever the thread object is reaped.
-    m_server = nullptr;
+    server = nullptr;
     m_finished.store(true);
   }
 
  private:
   P<IConnection> m_connection;
+  CMutex m_serverMutex;  // guards m_server
   P<CProxyFileSystemServer> m_server;
   std::atomic<bool> m_finished{false};
 };
 
 CProxyFileSystemService::CProxyFileSystemService(const CIPCAddress& address)
-    : m_address(address), m_maxFrameLength(CProxyFileSystemBase::kDefaultMaxFrameLength) {}
+    : m_address(address),
+      m_maxFrameLength(CProxyFileSystemBase::kDefaultMaxFrameLength),
+      m_maxOpenHandles(CProxyFileSystemServer::kDefaultMaxOpenHandles) {}
 
 CProxyFileSystemService::~CProxyFileSystemService() {
   try {
@@ -99,6 +120,11 @@ void CProxyFileSystemService::addShare(const CURISelector& selector, IFileSystem
 void CProxyFileSystemService::setMaxFrameLength(int length) {
   CMutexLock lock(m_mutex);
   m_maxFrameLength = length;
+}
+
+void CProxyFileSystemService::setMaxOpenHandles(int count) {
+  CMutexLock lock(m_mutex);
+  m_maxOpenHandles = count;
 }
 
 void CProxyFileSystemService::start() {
@@ -144,8 +170,17 @@ void CProxyFileSystemService::stop() {
     CMutexLock lock(m_mutex);
     connections.swap(m_connections);
   }
-  for (const P<CConnectionThread>& connection : connections) connection->closeConnection();
-  for (const P<CConnectionThread>& connection : connections) connection->join(false);
+  const CTime deadline = CTime::now() + CTimeSpan(int64{kStopWaitMs} * 1000);
+  for (const P<CConnectionThread>& connection : connections) connection->stopServing();
+  for (const P<CConnectionThread>& connection : connections) {
+    while (!connection->hasFinished() && CTime::now() < deadline) CThread::sleep(10);
+    if (connection->hasFinished()) {
+      connection->join(false);
+    } else {
+      logWarning(kStuckConnectionMessage);
+      connection->detach(false);
+    }
+  }
   connections.clear();
 
   CMutexLock lock(m_mutex);
@@ -198,15 +233,18 @@ void CProxyFileSystemService::acceptLoop(CAcceptThread& thread) {
 void CProxyFileSystemService::startConnection(const P<IConnection>& connection) {
   TArray<ShareEntry> shares;
   int maxFrameLength;
+  int maxOpenHandles;
   {
     CMutexLock lock(m_mutex);
     shares = m_shares;
     maxFrameLength = m_maxFrameLength;
+    maxOpenHandles = m_maxOpenHandles;
   }
   P<CProxyFileSystemServer> server;
   try {
     server = createObject<CProxyFileSystemServer>(connection.get());
     server->setMaxFrameLength(maxFrameLength);
+    server->setMaxOpenHandles(maxOpenHandles);
     for (const ShareEntry& share : shares) {
       if (share.rebase) {
         server->addShare(share.selector, share.fileSystem.get(), share.root);

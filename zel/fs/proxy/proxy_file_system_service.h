@@ -13,10 +13,18 @@
 // loop carries on after 100 ms, so a failure that repeats cannot spin.
 //
 // stop() stops accepting (abortAcceptConnection wakes the accept thread),
-// joins it, closes every live connection (which ends its serve() loop and
-// releases its handles) and joins the connection threads; the pipe server is
-// then dropped, which frees the address. stop() is idempotent; start() after
-// stop() begins again. The destructor stops.
+// joins it, asks every connection's server to stop (requestStop: a request
+// waiting on a served stream gives up) and closes its connection (which ends
+// the reads and writes of its thread, a client that stopped reading
+// included, and so its serve() loop, releasing its handles), and joins the
+// connection threads; the pipe server is then dropped, which frees the
+// address. stop() returns within a bounded time however its connections are
+// blocked: a connection thread that has not ended kStopWaitMs after the stop
+// began (a call of a served file system that does not return) is detached
+// with a warning ("CProxyFileSystemService: a connection thread did not end
+// in time; it finishes on its own.") and releases its server when that call
+// returns. stop() is idempotent; start() after stop() begins again. The
+// destructor stops.
 //
 // Shares: the file systems are shared by all connections at once (a served
 // file system must allow calls from several threads; CFileSystem does).
@@ -51,8 +59,12 @@ class ZEL_API CProxyFileSystemService : public CBase {
   // As CProxyFileSystemServer::addShare (identity and rebasing).
   void addShare(const CURISelector& selector, IFileSystem* fileSystem);
   void addShare(const CURISelector& selector, IFileSystem* fileSystem, const CURI& root);
-  // Applied to connections accepted afterwards.
+  // Applied to connections accepted afterwards (see CProxyFileSystemServer).
   void setMaxFrameLength(int length);
+  void setMaxOpenHandles(int count);
+
+  // How long stop() waits for the connection threads.
+  static constexpr int kStopWaitMs = 3000;
 
   // Throws when the address cannot be served (in use by a running server,
   // invalid) or the thread cannot start; nothing is left running then.
@@ -69,6 +81,7 @@ class ZEL_API CProxyFileSystemService : public CBase {
   static const char* const kAcceptThreadName;
   static const char* const kConnectionThreadName;
   static const char* const kAcceptFailedMessage;
+  static const char* const kStuckConnectionMessage;
 
  private:
   class CAcceptThread;
@@ -90,6 +103,7 @@ class ZEL_API CProxyFileSystemService : public CBase {
   CMutex m_mutex;           // guards the members below
   TArray<ShareEntry> m_shares;
   int m_maxFrameLength;
+  int m_maxOpenHandles;
   P<CPipeServer> m_pipeServer;
   P<CAcceptThread> m_acceptThread;
   TArray<P<CConnectionThread>> m_connections;

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -24,9 +25,10 @@
 namespace zel {
 namespace {
 
+using proxy_test::CMemFileSystem;
+using proxy_test::CRawClient;
 using proxy_test::CRequest;
 using proxy_test::CResponse;
-using proxy_test::parseResponse;
 using Server = CProxyFileSystemServer;
 
 CIPCAddress uniqueAddress() {
@@ -61,9 +63,7 @@ class ServiceTest : public ::testing::Test {
   P<IConnection> connect() { return connectToPipeServer(m_service->getAddress(), 5000, 5000); }
 
   static CResponse roundTrip(IConnection& connection, CRequest& request) {
-    request.message().write(*connection.getOutStream());
-    P<CProxyFileSystemMessage> response = CProxyFileSystemMessage::read(*connection.getInStream());
-    return parseResponse(*response);
+    return CRawClient(&connection).roundTrip(request);
   }
   static bool exists(IConnection& connection, const char* uri) {
     CRequest request(Server::FuncPathExists);
@@ -71,6 +71,12 @@ class ServiceTest : public ::testing::Test {
     CResponse response = roundTrip(connection, request);
     if (!response.isOK()) throw CError(String::fromUTF8(response.describe().c_str()));
     return response.in->readBool();
+  }
+  static int64 openStream(IConnection& connection, const char* uri, std::string* error = nullptr) {
+    CRequest open(Server::FuncStreamOpen);
+    CResponse response = roundTrip(connection, open.str(uri).i32(IIOStream::AccessRead).i32(0));
+    if (error) *error = response.isOK() ? std::string() : response.error->getMessage().toStdUTF8();
+    return response.isOK() ? response.in->readInt64() : -1;
   }
 
   test::CTempFolder m_temp;
@@ -122,6 +128,106 @@ TEST_F(ServiceTest, StopEndsLiveConnectionsAndFreesTheAddress) {
   m_service->start();
   P<IConnection> again = connect();
   EXPECT_FALSE(exists(*again, "file:///share/x"));
+}
+
+// The limit is applied to each connection on its own.
+TEST_F(ServiceTest, HandleLimitAppliesToEachConnection) {
+  m_service->setMaxOpenHandles(2);
+  m_service->start();
+  m_fs->ensureFileExists(m_root.append("a.txt"));
+  P<IConnection> first = connect();
+  P<IConnection> second = connect();
+  const int64 handle = openStream(*first, "file:///share/a.txt");
+  EXPECT_GT(openStream(*first, "file:///share/a.txt"), 0);
+  std::string error;
+  EXPECT_EQ(openStream(*first, "file:///share/a.txt", &error), -1);
+  EXPECT_EQ(error,
+            "Too many open handles on this proxy connection (the limit is 2); close some first.");
+  EXPECT_GT(openStream(*second, "file:///share/a.txt"), 0);
+  // Still usable; closing makes room.
+  EXPECT_TRUE(exists(*first, "file:///share/a.txt"));
+  CRequest close(Server::FuncStreamClose);
+  EXPECT_TRUE(roundTrip(*first, close.i64(handle)).isOK());
+  EXPECT_GT(openStream(*first, "file:///share/a.txt"), 0);
+}
+
+// stop() ends within a bounded time however the connections are blocked:
+// waiting on a served stream that never becomes readable (the thread gives
+// up and releases the stream), writing to a client that never reads (the
+// closed connection fails the write), or inside a call of the served file
+// system that does not return (the thread is left to finish on its own).
+TEST_F(ServiceTest, StopEndsInBoundedTimeWhateverBlocksTheConnections) {
+  auto live = std::make_shared<std::atomic<int>>(0);
+  auto gate = std::make_shared<std::atomic<bool>>(false);
+  auto returned = std::make_shared<std::atomic<int>>(0);
+  P<CMemFileSystem> pipes = createObject<CMemFileSystem>();
+  pipes->onCreateStream = [live](const CURI&) {
+    return P<IIOStream>(createObject<proxy_test::CNeverReadableStream>(*live));
+  };
+  pipes->onFileExists = [gate, returned](const CURI&) {
+    while (!gate->load()) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ++*returned;
+    return true;
+  };
+  m_service->addShare(CURISelector(CURI("mem:///pipes")), pipes.get());
+  constexpr int kReadSize = 1 << 20;
+  m_fs->ensureFileExists(m_root.append("big.bin"));
+  {
+    P<IIOStream> big = m_fs->createStream(m_root.append("big.bin"), IIOStream::AccessReadWrite, {});
+    big->write(std::string(kReadSize, 'b').data(), kReadSize);
+  }
+  m_service->start();
+
+  P<IConnection> waiter = connect();
+  const int64 pipe = openStream(*waiter, "mem:///pipes/p");
+  ASSERT_GT(pipe, 0);
+  CRequest wait(Server::FuncStreamWaitReadable);
+  CRawClient(waiter.get()).send(wait.i64(pipe).i32(-1));
+
+  P<IConnection> flooder = connect();
+  const int64 big = openStream(*flooder, "file:///share/big.bin");
+  ASSERT_GT(big, 0);
+  std::atomic<bool> flooding{true};
+  std::thread flood([&] {
+    CRawClient client(flooder.get());
+    try {
+      while (flooding) {
+        CRequest seek(Server::FuncStreamSeek);
+        client.send(seek.i64(big).i64(0));
+        CRequest read(Server::FuncStreamReadLax);
+        client.send(read.i64(big).i32(kReadSize));
+      }
+    } catch (const CError&) {
+      // The connection ended under the blocked write.
+    }
+  });
+
+  P<IConnection> stuck = connect();
+  CRequest exists(Server::FuncFileExists);
+  CRawClient(stuck.get()).send(exists.str("mem:///pipes/stuck"));
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  EXPECT_EQ(m_service->getConnectionCount(), 3);
+
+  CLogCapture log;
+  const auto start = std::chrono::steady_clock::now();
+  m_service->stop();
+  const auto took = std::chrono::steady_clock::now() - start;
+  EXPECT_LT(took, std::chrono::milliseconds(CProxyFileSystemService::kStopWaitMs + 3000));
+  EXPECT_FALSE(m_service->isRunning());
+  EXPECT_EQ(live->load(), 0) << "the waiting connection's stream was not released";
+  int warnings = 0;
+  for (const CLogEntry& entry : log.getEntries()) {
+    warnings += entry.level == LogLevel::Warning &&
+                entry.text == CProxyFileSystemService::kStuckConnectionMessage;
+  }
+  EXPECT_EQ(warnings, 1) << "only the call that never returns is left behind";
+
+  flooding = false;
+  flooder->close();
+  flood.join();
+  // The call that was left behind ends once it returns.
+  gate->store(true);
+  EXPECT_TRUE(waitFor([&] { return returned->load() == 1; }));
 }
 
 TEST_F(ServiceTest, TheAddressCanOnlyBeServedOnce) {

@@ -832,6 +832,82 @@ TEST_F(ProxyScriptedServerTest, FinalizeReportsUnknownHandlesAndFailures) {
   EXPECT_EQ(finalize->readInt64(), CProxyFileSystemBase::kHandleListEnd);
 }
 
+// The polling thread polls, then sleeps 50 ms: two finalize requests are
+// never closer than that, however many operations start meanwhile.
+TEST_F(ProxyScriptedServerTest, PollingSleepsBetweenTwoFinalizeRequests) {
+  using Clock = std::chrono::steady_clock;
+  std::vector<Clock::time_point> polls;
+  std::thread server([&] {
+    int64 next = 10;
+    try {
+      for (;;) {
+        P<CDataInStream> in = request();
+        const int func = in->readInt32();
+        if (func != CProxyFileSystemBase::FuncBackgroundOpsFinalize) {
+          answer([&](CDataOutStream& out) { out.writeInt32(1).writeInt64(next++); });
+          continue;
+        }
+        polls.push_back(Clock::now());
+        std::vector<int64> handles;
+        for (int64 h; (h = in->readInt64()) != CProxyFileSystemBase::kHandleListEnd;) {
+          handles.push_back(h);
+        }
+        answer([&](CDataOutStream& out) {
+          out.writeInt32(1);
+          // Nothing has finished for the first polls, then everything.
+          if (polls.size() > 5) {
+            for (int64 h : handles) out.writeInt64(h).writeBool(false);
+          }
+          out.writeInt64(CProxyFileSystemBase::kHandleListEnd);
+        });
+      }
+    } catch (const CError&) {
+      // The client closed the connection.
+    }
+  });
+  std::vector<P<IBackgroundOp>> ops;
+  for (int i = 0; i < 3; ++i) {
+    ops.push_back(m_proxy->backgroundDeleteFile(CURI("file:///x/" + String::fromInt64(i)), nullptr));
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  for (const P<IBackgroundOp>& op : ops) ASSERT_TRUE(op->waitFinished(10000));
+  m_proxy->close();
+  server.join();
+  ASSERT_GE(polls.size(), 6u);
+  for (size_t i = 1; i < polls.size(); ++i) {
+    EXPECT_GE(polls[i] - polls[i - 1], std::chrono::milliseconds(45)) << "poll " << i;
+  }
+}
+
+// Counts and lengths that cannot be negative are refused before anything is
+// sent; reads of a negative count read nothing, as every stream's do.
+TEST_F(ProxyScriptedServerTest, NegativeCountsAreRefusedBeforeSending) {
+  answer([](CDataOutStream& out) { out.writeInt32(1).writeInt64(3); });
+  P<IIOStream> stream = m_proxy->createStream(CURI("file:///x"), IIOStream::AccessReadWrite, Flags());
+  // Answers for requests that should not come, so that a client sending
+  // them fails the checks below instead of waiting.
+  for (int i = 0; i < 5; ++i) {
+    answer([](CDataOutStream& out) { out.writeInt32(1).writeInt64(0).writeInt32(0); });
+  }
+  auto refused = [](const std::function<void()>& call, const char* message) {
+    expectError<CInvalidArgError>(call, [&](const CError& e) { EXPECT_EQ(e.getMessage(), message); });
+  };
+  refused([&] { stream->setLength(-1); },
+          "Invalid argument passed to 'CProxyFileSystem::CStream::setLength': negative length");
+  refused([&] { stream->lockRange(-1, 1, IStreamBase::Shared); },
+          "Invalid argument passed to 'CProxyFileSystem::CStream::lockRange': negative start or "
+          "byte count");
+  refused([&] { stream->lockRange(0, -1, IStreamBase::Exclusive); },
+          "Invalid argument passed to 'CProxyFileSystem::CStream::lockRange': negative start or "
+          "byte count");
+  char buffer[4];
+  EXPECT_EQ(stream->readLax(buffer, -1), 0);
+  EXPECT_EQ(stream->readAvailable(buffer, -1), 0);
+  EXPECT_EQ(request()->readInt32(), CProxyFileSystemBase::FuncStreamOpen);
+  EXPECT_FALSE(m_server->getInStream()->waitReadable(0)) << "a request was sent";
+  m_proxy->close();
+}
+
 // A read result that does not fit its request breaks the connection rather
 // than writing past the caller's buffer.
 TEST_F(ProxyScriptedServerTest, OversizedReadResultBreaksTheConnection) {

@@ -58,14 +58,15 @@
 //                                -> Int64 stream
 //   streamGetLength,
 //   streamGetPosition            Int64 stream -> Int64
-//   streamSeek, streamSetLength  Int64 stream, Int64 value -> nothing
+//   streamSeek, streamSetLength  Int64 stream, Int64 value (a length below 0
+//                                is refused) -> nothing
 //   streamIsEnd                  Int64 stream -> Bool
 //   streamIsEnd_NonBlocking      Int64 stream -> Int32: 1 at the end, 0 not at
 //                                the end or not known without waiting
 //   streamWaitReadable           Int64 stream, Int32 timeout ms -> Bool
 //   streamReadLax,
 //   streamReadAvailable          Int64 stream, Int32 wanted (0 to
-//                                kMaxDataChunk; below 0 reads nothing)
+//                                kMaxDataChunk; below 0 is refused)
 //                                -> Int32 count (0 to wanted), count raw bytes
 //   streamWrite                  Int64 stream, Int64 write barrier or 0,
 //                                Int32 count (0 to kMaxDataChunk), count raw
@@ -73,8 +74,9 @@
 //   streamFlush, streamClose     Int64 stream -> nothing
 //   streamCreateWriteBarrier     Int64 stream, Int64 parent barrier or 0 (looked
 //                                up before the stream) -> Int64 barrier
-//   streamLockRange              Int64 stream, Int64 start, Int64 bytes,
-//                                Int32 IStreamBase::LockType -> Int64 lock
+//   streamLockRange              Int64 stream, Int64 start, Int64 bytes (both
+//                                0 or more), Int32 IStreamBase::LockType
+//                                -> Int64 lock
 //   writeBarrierRelease, lockRelease, fileInfoClose,
 //   metaModifierClose            Int64 handle -> nothing
 //   fileInfoOpen                 URI, Bool followSymLinks
@@ -108,7 +110,9 @@
 //                                operation that has finished: Int64 handle,
 //                                Bool failed, the error (storeError) when
 //                                failed; then Int64 -1. Finished operations
-//                                are reported once and then forgotten.
+//                                are reported once and then forgotten; as
+//                                many as fit in one frame are reported, the
+//                                rest in later answers.
 //
 // Info items (the values of an IFileInfoBase):
 //   UInt64 mask, then one value per set bit, in ascending bit order. Bit n-1

@@ -66,6 +66,15 @@ void CShareConfinement::check(const TArray<String>& components, Target target) c
   if (result == confinement_platform::Resolution::Escapes) refuse();
 }
 
+bool CShareConfinement::allows(const TArray<String>& components, Target target) const {
+  try {
+    check(components, target);
+    return true;
+  } catch (const CError&) {
+    return false;
+  }
+}
+
 void CShareConfinement::setPortableResolutionForTesting(bool on) {
   confinement_platform::setPortableResolution(on);
 }

@@ -24,6 +24,14 @@
 // character is refused with CInvalidArgError: the caller must vet the path
 // first.
 //
+// Links that lead out are never followed and never described: an operation
+// that would follow one is refused, and a server describing entries rather
+// than opening them (file information without following links, folder
+// listings) asks allows(components, FollowLinks) for each link it describes
+// and, when that is false, reports the link as one whose target is unknown
+// (see proxy_file_system_server.h), so that nothing a client sees depends on
+// what lies outside.
+//
 // A path that leaves the root is refused with a CFileSystemError of
 // ProblemAccessDenied, message "Proxy path leaves the shared filesystem
 // area.", whose cause is a CError (no code) with the same message and the
@@ -67,9 +75,12 @@
 // a refusal is checked once more the plain way: the path is opened (O_PATH)
 // relative to the root, following links as the operation will, and the real
 // path of what was opened (its /proc/self/fd entry) must lie beneath the
-// root's real path; a path that cannot be opened is judged by the portable
-// method. So absolute links between places of the share work, links leaving
-// it stay refused.
+// root's real path; a path that is missing on the way is judged by the
+// portable method. So absolute links between places of the share work, links
+// leaving it stay refused. Past such a stop a failure of the check itself
+// (no permission to search a folder outside the share ...) counts as leaving
+// the root, so that the answer never tells a client more about outside
+// places than that they are outside.
 //
 // Race: checking and operating are two steps. Another party writing in the
 // same folder (another connection, a local program) could replace a checked
@@ -108,6 +119,10 @@ class ZEL_API CShareConfinement : public CBase {
   // Throws as described above when components (relative to the root) do not
   // stay beneath it for an operation of the given kind.
   void check(const TArray<String>& components, Target target) const;
+  // As check(), answering instead of throwing: false wherever check() throws
+  // (a path that leaves the root, one that cannot be judged, components that
+  // are not names).
+  bool allows(const TArray<String>& components, Target target) const;
 
   // The message of the refusal.
   static const char* const kEscapeMessage;

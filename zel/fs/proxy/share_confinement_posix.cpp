@@ -173,11 +173,15 @@ Resolution resolveStopped(int rootFd, const std::string& root, const std::string
   } while (rawFd < 0 && errno == EINTR);
   if (rawFd < 0) {
     const int code = errno;
-    if (code == ELOOP) return Resolution::Escapes;
     // Something on the way is missing: where the path would lead is for the
-    // ancestors to tell.
-    if (isMissing(code)) return resolvePortable(root, components, followFinal);
-    fail("openat", code, relative);
+    // ancestors to tell. Any other failure past the stop (a folder outside
+    // that cannot be searched) counts as leaving, whatever lies there.
+    if (!isMissing(code)) return Resolution::Escapes;
+    try {
+      return resolvePortable(root, components, followFinal);
+    } catch (const CError&) {
+      return Resolution::Escapes;
+    }
   }
   CScopedFd fd(rawFd);
   std::string real;
