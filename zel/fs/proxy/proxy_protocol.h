@@ -29,6 +29,9 @@
 //
 // Values use the data-stream encoding (data_stream.h): Int32/Int64 are 4/8
 // bytes little-endian, Bool 1 byte, String a 4-byte length and UTF-8 bytes.
+// A String may carry bytes that are not UTF-8 (the name of a Linux file that
+// is not UTF-8 travels with its raw bytes; see zel/core/utf8.h), so a reader
+// in another language must keep them rather than refuse or replace them.
 // A URI is a String holding CURI::toString(true). A handle is an Int64; 0 is
 // never a handle and stands for "none" where a handle is optional. A time is
 // the Int64 value of a CTime (0x7FFFFFFFFFFFFFFF when invalid).

@@ -33,7 +33,7 @@ constexpr int kRenameRetries = 16;
   CProps params;
   params.set("func", func);
   params.set("action", "CShareConfinement::check");
-  params.set("path", String::fromUTF8(path.c_str(), path.size()));
+  params.set("path", String::fromUTF8Lossless(path.c_str(), path.size()));
   throw CError(getSysErrorMessage(code), CError::errnoErrorDomain(), code, params);
 }
 
