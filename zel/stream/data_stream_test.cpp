@@ -379,7 +379,7 @@ TEST(CDataInStreamTest, NegativeLengthFailsWithoutReadingFurther) {
     P<CDataInStream> in = createObject<CDataInStream>(inner.get());
     const CIOError error = expectIOError([&] { in->readString(); });
     EXPECT_TRUE(error.isError("IO", CIOError::InvalidData)) << error.what();
-    EXPECT_EQ(error.getMessage(), CIOError::getDefaultMessage(CIOError::InvalidData));
+    EXPECT_EQ(error.getMessage(), String("The data is invalid or corrupted."));
     EXPECT_EQ(inner->readSizes, std::vector<int>{4});
     EXPECT_EQ(in->getPosition(), 4);
   }
@@ -447,7 +447,7 @@ TEST(CDataInStreamTest, ThrowErrorCarriesTheURIWhenThereIsOne) {
   P<CTestDataInStream> in = createObject<CTestDataInStream>(buffer.get());
   CIOError plain = expectIOError([&] { in->throwError(CIOError::UnsupportedVersion); });
   EXPECT_EQ(plain.getErrorCode(), CIOError::UnsupportedVersion);
-  EXPECT_EQ(plain.getMessage(), CIOError::getDefaultMessage(CIOError::UnsupportedVersion));
+  EXPECT_EQ(plain.getMessage(), String("Unsupported or invalid data version."));
   EXPECT_FALSE(plain.getParams().has(CIOError::paramURI()));
 
   buffer->setURI(CURI("file:///C:/dir/f.dat"));

@@ -1546,7 +1546,7 @@ TEST_F(ServerTest, RebasingShareShowsNoServerPath) {
   ASSERT_EQ(::symlink(nativeOf(folderFile("a.txt")).c_str(), nativeOf(folderFile("abs")).c_str()), 0);
   CRequest escape(Server::FuncStreamOpen);
   error = fails(escape.str("file:///backup/out/x").i32(kRead).i32(0));
-  EXPECT_EQ(error->getMessage(), CShareConfinement::kEscapeMessage);
+  EXPECT_EQ(error->getMessage(), "Proxy path leaves the shared filesystem area.");
   ASSERT_TRUE(error->getCause());
   EXPECT_EQ(error->getCause()->getParams().get("rootPath"), "file:///backup");
   expectNoServerPath(*error);
@@ -1589,7 +1589,8 @@ class LinkEscapeTest : public ServerLinkTest {
     ASSERT_EQ(response.type, 0) << what;
     EXPECT_EQ(problemOf(*response.error), CFileSystemError::ProblemAccessDenied)
         << what << ": " << response.describe();
-    EXPECT_EQ(response.error->getMessage(), CShareConfinement::kEscapeMessage) << what;
+    EXPECT_EQ(response.error->getMessage(), "Proxy path leaves the shared filesystem area.")
+        << what;
     ASSERT_TRUE(response.error->getCause()) << what;
     EXPECT_TRUE(response.error->getCause()->getParams().has("path")) << what;
   }

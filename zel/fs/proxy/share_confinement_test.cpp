@@ -32,7 +32,7 @@ bool refused(const CShareConfinement& confinement, const TArray<String>& compone
     return false;
   } catch (const CFileSystemError& e) {
     EXPECT_EQ(e.getProblem(), CFileSystemError::ProblemAccessDenied);
-    EXPECT_EQ(e.getMessage(), CShareConfinement::kEscapeMessage);
+    EXPECT_EQ(e.getMessage(), "Proxy path leaves the shared filesystem area.");
     PC<CError> cause = e.getCause();
     EXPECT_TRUE(cause);
     if (cause) {
