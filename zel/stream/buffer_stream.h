@@ -107,6 +107,16 @@ class ZEL_API CBufferStream : public CBase, public IIOStream {
     }
     writeBytes(static_cast<const unsigned char*>(data), bytes);
   }
+  // The next bytes in place, the position moved past them; null (and nothing
+  // moved) when fewer are left or the stream is closed. Valid until the
+  // stream's buffer changes.
+  const unsigned char* readDirectInPlace(size_t bytes) {
+    const size_t size = m_buffer->getSize();
+    if (m_position > size || bytes > size - m_position || m_closed) return nullptr;
+    const unsigned char* data = m_buffer->getData() + m_position;
+    m_position += bytes;
+    return data;
+  }
   void readDirect(void* data, size_t bytes) {
     const size_t size = m_buffer->getSize();
     if (m_position <= size && bytes <= size - m_position && !m_closed) {

@@ -14,6 +14,8 @@ namespace zel {
 namespace {
 
 constexpr size_t kMaxTextBytes = static_cast<size_t>(std::numeric_limits<int32>::max());
+// Texts up to this many characters are tried for the plain-ASCII path.
+constexpr size_t kShortText = 256;
 
 struct FreeDeleter {
   void operator()(char* p) const { std::free(p); }
@@ -47,6 +49,23 @@ CDataOutStream& CDataOutStream::writeDouble(double value) {
 }
 
 CDataOutStream& CDataOutStream::writeString(const String& value) {
+  // Most texts on the wire are short and plain ASCII (names, URIs): their
+  // UTF-8 is their characters narrowed, with no conversion buffer.
+  const wxString& characters = value.getWxString();
+  const size_t count = characters.length();
+  if (count <= kShortText) {
+    const wchar_t* wide = characters.wc_str();
+    char narrow[kShortText];
+    size_t i = 0;
+    while (i < count && wide[i] > 0 && wide[i] < 0x80) {
+      narrow[i] = static_cast<char>(wide[i]);
+      ++i;
+    }
+    if (i == count) {
+      writeText(narrow, count, "CDataOutStream::writeString");
+      return *this;
+    }
+  }
   int length = 0;
   // Escaped bytes go out as the raw bytes they stand for: a file name that is
   // not UTF-8 reaches the other side as it is on the disk.
@@ -184,6 +203,19 @@ double CDataInStream::readDouble() {
 }
 
 String CDataInStream::readString() {
+  if (m_memory) {
+    // Decoded where the bytes lie when they are all there; otherwise the
+    // general path reports what is wrong.
+    const int64 start = m_memory->getPosition();
+    const int count = readInt32();
+    if (count >= 0) {
+      if (const unsigned char* bytes = m_memory->readDirectInPlace(static_cast<size_t>(count))) {
+        return String::fromUTF8Lossless(reinterpret_cast<const char*>(bytes),
+                                        static_cast<size_t>(count));
+      }
+    }
+    m_memory->seek(start);
+  }
   int length = 0;
   const MallocBuffer bytes(readUTF8(length));
   return String::fromUTF8Lossless(bytes.get(), static_cast<size_t>(length));
