@@ -60,8 +60,14 @@ bool decodeUTF8(const char* bytes, size_t length, std::wstring& out) {
   while (i < length) {
     const unsigned char b = p[i];
     if (b < 0x80) {
-      out += static_cast<wchar_t>(b);
-      ++i;
+      // A run of ASCII (most text is one) is widened in one step.
+      size_t end = i + 1;
+      while (end < length && p[end] < 0x80) ++end;
+      const size_t at = out.size();
+      out.resize(at + (end - i));
+      wchar_t* wide = out.data() + at;
+      for (size_t k = i; k < end; ++k) *wide++ = static_cast<wchar_t>(p[k]);
+      i = end;
       continue;
     }
     uint32 c = 0;
@@ -82,6 +88,17 @@ size_t encodeUTF8(const wchar_t* text, size_t length, EscapedBytes escapes, std:
   out.reserve(out.size() + length);
   size_t i = 0;
   while (i < length) {
+    // A run of ASCII is narrowed in one step.
+    size_t end = i;
+    while (end < length && static_cast<uint32>(text[end]) < 0x80) ++end;
+    if (end > i) {
+      const size_t at = out.size();
+      out.resize(at + (end - i));
+      char* narrow = out.data() + at;
+      for (size_t k = i; k < end; ++k) *narrow++ = static_cast<char>(text[k]);
+      i = end;
+      continue;
+    }
     const size_t start = i;
     const uint32 c = nextCharacter(text, length, i);
     if (c < 0x80) {
