@@ -1,15 +1,17 @@
 // CXMLLog: the process-wide structured log.
 //
-// Every entry becomes one <entry> element (time, level, thread, text and, for
-// failures, the error description) appended to "log.xml" in the log folder.
-// The file stays well-formed after each entry: the closing </log> tag is
-// rewritten behind every new entry, so a crash never leaves a broken file.
-// The log folder defaults to the current folder; the file is opened on the
-// first entry. Logging never throws and keeps the caller's last system
-// error.
+// Listeners (CLogCapture in tests, a program's own console output) see
+// every entry. The file is the application's choice: nothing is written
+// until it calls setFileEnabled(true), usually after setLogFolder() has
+// named a folder that belongs to it (the folder defaults to the current
+// one). Then every entry becomes one <entry> element (time, level, thread,
+// text and, for failures, the error description) appended to "log.xml" in
+// the log folder. The file stays well-formed after each entry: the closing
+// </log> tag is rewritten behind every new entry, so a crash never leaves a
+// broken file. It is opened on the first entry after it was enabled.
+// Logging never throws and keeps the caller's last system error.
 //
-// Listeners (CLogCapture in tests) see every entry, whether or not a file is
-// written. All members are thread-safe.
+// All members are thread-safe.
 #pragma once
 
 #include <vector>
@@ -53,7 +55,7 @@ class ZEL_API CXMLLog : public CBase {
   void setLogFolder(const String& folder);
   String getLogFilePath() const;
   // Whether entries are written to the file at all (they always reach the
-  // listeners).
+  // listeners). Off until the application turns it on.
   void setFileEnabled(bool enabled);
 
   void write(LogLevel level, const String& text, const CError* error = nullptr);
@@ -76,7 +78,7 @@ class ZEL_API CXMLLog : public CBase {
 
   mutable CMutex m_mutex;
   String m_folder;
-  bool m_fileEnabled = true;
+  bool m_fileEnabled = false;
   class CFile;
   CFile* m_file = nullptr;
   std::vector<ILogListener*> m_listeners;
