@@ -8,10 +8,9 @@
 #include <cstring>
 #include <functional>
 
+#include "commands.h"
 #include "process.h"
-#include "tool.h"
 #include "zel/core/error.h"
-#include "zel/init/zel_init.h"
 #include "zel/fs/local_file_system.h"
 #include "zel/fs/proxy/proxy_file_system.h"
 #include "zel/ipc/pipe.h"
@@ -113,16 +112,7 @@ void session(zel::IFileSystem& fs, CStepper& steps) {
   });
 }
 
-}  // namespace
-
-int demo(const Args& args) {
-  if (!args.empty()) {
-    std::fprintf(stderr, "usage: zel demo\n");
-    return 2;
-  }
-  zel::CZelInit init;
-  zel::CXMLLog::getGlobal()->setFileEnabled(false);
-  CStderrLog log;
+int runDemo(CCommandContext& context) {
   CStepper steps;
   int status = 0;
   const zel::String addressName = "demo-" + zel::String::fromInt64(static_cast<zel::int64>(
@@ -141,9 +131,10 @@ int demo(const Args& args) {
     std::unique_ptr<CChildProcess> server;
     const zel::CIPCAddress address(kAppID, addressName, false);
     steps.step("start the server process", [&] {
-      server = std::make_unique<CChildProcess>(
-          Args{"serve", "--share", "demo=" + zel::String(shareFolder), "--address", addressName,
-               "--until-stdin-closes"});
+      Args serveArgs{"serve", "--share", "demo=" + zel::String(shareFolder), "--address",
+                     addressName, "--until-stdin-closes", "--quiet"};
+      if (context.args.has("no-log")) serveArgs.push_back("--no-log");
+      server = std::make_unique<CChildProcess>(serveArgs);
       return "pid " + zel::String::fromInt64(server->getPID());
     });
     zel::P<zel::CProxyFileSystem> fs;
@@ -163,13 +154,24 @@ int demo(const Args& args) {
       return zel::String("exit code 0");
     });
   } catch (const zel::CError& e) {
-    std::fprintf(stderr, "zel demo: %s\n", zel::String(e.what()).toCPSafe().data());
-    status = 1;
+    reportError(context.program, context.out, e);
+    status = ExitFailure;
   }
   wxFileName::Rmdir(shareFolder, wxPATH_RMDIR_RECURSIVE);
   std::printf(status == 0 ? "demo finished\n" : "demo FAILED\n");
-  zel::CZelInit::onApplicationExit();
   return status;
+}
+
+}  // namespace
+
+CommandSpec demoCommand() {
+  CommandSpec spec{"demo", "", "a server process and a client session against it, step by step",
+          "Starts `zel serve` on a temporary folder as a second process, then creates a\n"
+          "folder, writes 8 MiB, lists, reads back and compares, stores in the\n"
+          "background, moves and deletes through it, printing each step and its time.\n",
+          {}, 0, 0, &runDemo};
+  spec.showsLibraryNotices = true;
+  return spec;
 }
 
 }  // namespace zeltool
