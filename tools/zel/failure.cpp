@@ -21,11 +21,19 @@ zel::String plainMessage(const zel::String& message) {
   return text.empty() ? zel::String("failed") : zel::String(text);
 }
 
+std::function<bool()> g_isConnectionLost;
+
 bool holdsServerPlace(const zel::String& key, const zel::String& value) {
   return key == "rootPath" || value.startsWithNoCase(L"file:");
 }
 
 }  // namespace
+
+CConnectionLostCheck::CConnectionLostCheck(std::function<bool()> isLost) {
+  g_isConnectionLost = std::move(isLost);
+}
+
+CConnectionLostCheck::~CConnectionLostCheck() { g_isConnectionLost = nullptr; }
 
 CFailure::CFailure(const zel::String& subject, const zel::CError& error)
     : m_subject(subject), m_error(error.clone()) {}
@@ -54,6 +62,7 @@ Problem classifyProblem(const zel::CError& error) {
 }
 
 zel::String describeError(const zel::CError& error) {
+  if (g_isConnectionLost && g_isConnectionLost()) return "connection to the server lost";
   if (error.getMessage() == kNoShareMessage) return "no such share";
   switch (classifyProblem(error)) {
     case zel::CFileSystemError::ProblemNotFound: return "no such file or folder";

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <exception>
+#include <functional>
 #include <string>
 
 #include "output.h"
@@ -43,6 +44,17 @@ auto onSubject(const zel::String& subject, Action&& action) -> decltype(action()
     throw CFailure(subject, e);
   }
 }
+
+// While one lives, any failure after the server's connection has ended
+// reads "connection to the server lost", whichever call noticed the end
+// first (a write into a closed socket, a read that found the end of data).
+class CConnectionLostCheck {
+ public:
+  explicit CConnectionLostCheck(std::function<bool()> isLost);
+  ~CConnectionLostCheck();
+  CConnectionLostCheck(const CConnectionLostCheck&) = delete;
+  CConnectionLostCheck& operator=(const CConnectionLostCheck&) = delete;
+};
 
 // The problem of error or of the first of its causes that names one; else
 // what the error predicates recognise; else ProblemUnknown.

@@ -58,6 +58,7 @@ int runFs(const Args& args) {
     const zel::CIPCAddress address = makeAddress(group, group.has("global"));
 
     zel::P<zel::CProxyFileSystem> fs;
+    const CConnectionLostCheck connectionLost([&] { return fs && !fs->isUsable(); });
     RunOptions run;
     run.program = kProgram;
     run.groupOptions = fsOptions();

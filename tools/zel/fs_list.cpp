@@ -60,13 +60,7 @@ void printEntries(const CCommandContext& context, std::vector<Entry>& entries) {
     for (Entry& entry : entries) {
       zel::IFileInfoBase& info = *entry.info;
       json.beginObject().key("name").value(entry.name).key("type").value(typeName(info));
-      json.key("size").value(static_cast<zel::int64>(info.getSize()));
-      json.key("modified");
-      if (info.getDataModifiedTime().isValid()) {
-        json.value(info.getDataModifiedTime().toISOString());
-      } else {
-        json.null();
-      }
+      json.key("size").bytes(info.getSize()).key("modified").value(info.getDataModifiedTime());
       if (info.hasUnixInfo()) {
         json.key("mode").value(unixMode(info)).key("owner").value(owner(info));
       }
@@ -77,12 +71,11 @@ void printEntries(const CCommandContext& context, std::vector<Entry>& entries) {
     printOut(json.getText());
     return;
   }
-  CTable table;
-  table.addColumn("MODE", CTable::Left);
-  table.addColumn("OWNER", CTable::Left);
-  table.addColumn("SIZE", CTable::Right);
-  table.addColumn("MODIFIED", CTable::Left);
-  table.addColumn("NAME", CTable::Left);
+  CTable table({{"MODE", CTable::Left},
+                 {"OWNER", CTable::Left},
+                 {"SIZE", CTable::Right},
+                 {"MODIFIED", CTable::Left},
+                 {"NAME", CTable::Left}});
   for (Entry& entry : entries) {
     zel::IFileInfoBase& info = *entry.info;
     std::string name = toDisplay(entry.name);
@@ -104,15 +97,6 @@ int runList(CCommandContext& context) {
   return ExitSuccess;
 }
 
-void addTime(CJsonWriter& json, const char* key, const zel::CTime& time) {
-  json.key(key);
-  if (time.isValid()) {
-    json.value(time.toISOString());
-  } else {
-    json.null();
-  }
-}
-
 int runStat(CCommandContext& context) {
   const CRemotePath path = remoteOperand(context, 0);
   zel::IFileSystem& fs = context.server();
@@ -123,11 +107,11 @@ int runStat(CCommandContext& context) {
     json.beginObject()
         .key("name").value(name)
         .key("type").value(typeName(*info))
-        .key("size").value(static_cast<zel::int64>(info->getSize()));
-    addTime(json, "modified", info->getDataModifiedTime());
-    addTime(json, "created", info->getCreatedTime());
-    json.key("readOnly").value(info->isReadOnly());
-    json.key("hidden").value(info->isHidden());
+        .key("size").bytes(info->getSize())
+        .key("modified").value(info->getDataModifiedTime())
+        .key("created").value(info->getCreatedTime())
+        .key("readOnly").value(info->isReadOnly())
+        .key("hidden").value(info->isHidden());
     if (info->hasUnixInfo()) {
       json.key("mode").value(unixMode(*info))
           .key("owner").value(owner(*info))

@@ -31,15 +31,6 @@ std::string usePercent(const SpaceRow& row) {
   return std::to_string((row.used * 100 + whole - 1) / whole) + "%";
 }
 
-void jsonNumber(CJsonWriter& json, const char* key, zel::int64 value) {
-  json.key(key);
-  if (value >= 0) {
-    json.value(value);
-  } else {
-    json.null();
-  }
-}
-
 int runSpace(CCommandContext& context) {
   std::vector<CRemotePath> paths = remoteOperands(context);
   zel::IFileSystem& fs = context.server();
@@ -62,22 +53,22 @@ int runSpace(CCommandContext& context) {
     CJsonWriter json;
     json.beginArray();
     for (const SpaceRow& row : rows) {
-      json.beginObject().key("path").value(row.path);
-      jsonNumber(json, "total", row.total);
-      jsonNumber(json, "used", row.used);
-      jsonNumber(json, "free", row.free);
-      json.endObject();
+      json.beginObject()
+          .key("path").value(row.path)
+          .key("total").bytes(row.total)
+          .key("used").bytes(row.used)
+          .key("free").bytes(row.free)
+          .endObject();
     }
     json.endArray();
     printOut(json.getText());
     return status;
   }
-  CTable table;
-  table.addColumn("PATH", CTable::Left);
-  table.addColumn("TOTAL", CTable::Right);
-  table.addColumn("USED", CTable::Right);
-  table.addColumn("FREE", CTable::Right);
-  table.addColumn("USE%", CTable::Right);
+  CTable table({{"PATH", CTable::Left},
+                 {"TOTAL", CTable::Right},
+                 {"USED", CTable::Right},
+                 {"FREE", CTable::Right},
+                 {"USE%", CTable::Right}});
   for (const SpaceRow& row : rows) {
     const bool raw = context.out.rawBytes;
     table.addRow({toDisplay(row.path), formatSize(row.total, raw), formatSize(row.used, raw),

@@ -75,9 +75,11 @@ std::string formatLocalTime(const zel::CTime& time) {
   return zel::String(local.Format("%Y-%m-%d %H:%M")).toStdUTF8();
 }
 
-void CTable::addColumn(const char* header, Align align) {
-  m_headers.push_back(header);
-  m_aligns.push_back(align);
+CTable::CTable(std::initializer_list<Column> columns) {
+  for (const Column& column : columns) {
+    m_headers.push_back(column.header);
+    m_aligns.push_back(column.align);
+  }
 }
 
 void CTable::addRow(std::vector<std::string> cells) {
@@ -220,6 +222,12 @@ CJsonWriter& CJsonWriter::value(bool flag) {
   m_text += flag ? "true" : "false";
   return *this;
 }
+
+CJsonWriter& CJsonWriter::value(const zel::CTime& time) {
+  return time.isValid() ? value(time.toISOString()) : null();
+}
+
+CJsonWriter& CJsonWriter::bytes(zel::int64 count) { return count >= 0 ? value(count) : null(); }
 
 CJsonWriter& CJsonWriter::null() {
   beforeValue();

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -46,7 +47,11 @@ std::string formatLocalTime(const zel::CTime& time);
 class CTable {
  public:
   enum Align { Left, Right };
-  void addColumn(const char* header, Align align);
+  struct Column {
+    const char* header;
+    Align align;
+  };
+  explicit CTable(std::initializer_list<Column> columns);
   void addRow(std::vector<std::string> cells);
   std::string format() const;
 
@@ -70,6 +75,10 @@ class CJsonWriter {
   CJsonWriter& value(const char* text);
   CJsonWriter& value(zel::int64 number);
   CJsonWriter& value(bool flag);
+  // The ISO text of time; null for the invalid time.
+  CJsonWriter& value(const zel::CTime& time);
+  // A count of bytes; null for an unknown (negative) count.
+  CJsonWriter& bytes(zel::int64 count);
   CJsonWriter& null();
   // The text written so far, with a final line break once complete.
   std::string getText() const;

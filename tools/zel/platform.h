@@ -36,6 +36,12 @@ class CInterruptScope {
 bool isInterrupted();
 // "SIGINT", "SIGTERM", "Ctrl+C" ...; empty when there was no interruption.
 const char* getInterruptName();
+// For the backends: records an interruption (code: the signal, or the
+// console event + 1; never 0). False when no CInterruptScope lives: the
+// process is to end as it would without the watch.
+bool noteInterrupt(int code);
+// The code noted; 0 when there was no interruption.
+int getInterruptCode();
 // Waits up to timeoutMs (-1: no limit) for an interruption; true when one
 // has come.
 bool waitForInterrupt(int timeoutMs);

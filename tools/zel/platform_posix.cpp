@@ -12,10 +12,9 @@
 #include <wx/filename.h>
 
 #include <atomic>
+#include <chrono>
 #include <cerrno>
-#include <condition_variable>
 #include <cstdlib>
-#include <mutex>
 #include <thread>
 
 #include "paths.h"
@@ -25,10 +24,6 @@ namespace zeltool {
 
 namespace {
 
-std::mutex g_mutex;
-std::condition_variable g_interrupted;
-std::atomic<int> g_signal{0};
-int g_scopes = 0;  // guarded by g_mutex
 std::atomic<bool> g_stopWatching{false};
 std::thread g_watcher;
 
@@ -57,11 +52,7 @@ void watch() {
   const timespec step{0, 100 * 1000 * 1000};
   while (!g_stopWatching.load()) {
     const int signal = sigtimedwait(&set, nullptr, &step);
-    if (signal <= 0) continue;
-    std::lock_guard<std::mutex> lock(g_mutex);
-    if (g_scopes == 0) dieBySignal(signal);
-    g_signal.store(signal);
-    g_interrupted.notify_all();
+    if (signal > 0 && !noteInterrupt(signal)) dieBySignal(signal);
   }
 }
 
@@ -98,20 +89,8 @@ CInterruptWatch::~CInterruptWatch() {
   g_watcher.join();
 }
 
-CInterruptScope::CInterruptScope() {
-  std::lock_guard<std::mutex> lock(g_mutex);
-  ++g_scopes;
-}
-
-CInterruptScope::~CInterruptScope() {
-  std::lock_guard<std::mutex> lock(g_mutex);
-  --g_scopes;
-}
-
-bool isInterrupted() { return g_signal.load() != 0; }
-
 const char* getInterruptName() {
-  switch (g_signal.load()) {
+  switch (getInterruptCode()) {
     case 0: return "";
     case SIGINT: return "SIGINT";
     case SIGTERM: return "SIGTERM";
@@ -120,17 +99,7 @@ const char* getInterruptName() {
   }
 }
 
-bool waitForInterrupt(int timeoutMs) {
-  std::unique_lock<std::mutex> lock(g_mutex);
-  auto interrupted = [] { return g_signal.load() != 0; };
-  if (timeoutMs < 0) {
-    g_interrupted.wait(lock, interrupted);
-    return true;
-  }
-  return g_interrupted.wait_for(lock, std::chrono::milliseconds(timeoutMs), interrupted);
-}
-
-void endAsInterrupted() { dieBySignal(g_signal.load() ? g_signal.load() : SIGINT); }
+void endAsInterrupted() { dieBySignal(isInterrupted() ? getInterruptCode() : SIGINT); }
 
 bool isTerminal(std::FILE* stream) { return ::isatty(fileno(stream)) == 1; }
 

@@ -10,10 +10,7 @@
 
 #include <wx/filename.h>
 
-#include <atomic>
-#include <condition_variable>
 #include <cstdlib>
-#include <mutex>
 
 #include "paths.h"
 #include "zel/core/error.h"
@@ -22,20 +19,9 @@ namespace zeltool {
 
 namespace {
 
-std::mutex g_mutex;
-std::condition_variable g_interrupted;
-std::atomic<int> g_event{0};  // the control event + 1; 0: none
-int g_scopes = 0;             // guarded by g_mutex
-
 // Runs on a thread the system starts for the event. FALSE lets the default
 // handler end the process.
-BOOL WINAPI onControlEvent(DWORD type) {
-  std::lock_guard<std::mutex> lock(g_mutex);
-  if (g_scopes == 0) return FALSE;
-  g_event.store(static_cast<int>(type) + 1);
-  g_interrupted.notify_all();
-  return TRUE;
-}
+BOOL WINAPI onControlEvent(DWORD type) { return noteInterrupt(static_cast<int>(type) + 1); }
 
 [[noreturn]] void failSys(const char* func, const char* action, DWORD code = 0) {
   if (code == 0) code = GetLastError();
@@ -50,36 +36,14 @@ CInterruptWatch::CInterruptWatch() { SetConsoleCtrlHandler(onControlEvent, TRUE)
 
 CInterruptWatch::~CInterruptWatch() { SetConsoleCtrlHandler(onControlEvent, FALSE); }
 
-CInterruptScope::CInterruptScope() {
-  std::lock_guard<std::mutex> lock(g_mutex);
-  ++g_scopes;
-}
-
-CInterruptScope::~CInterruptScope() {
-  std::lock_guard<std::mutex> lock(g_mutex);
-  --g_scopes;
-}
-
-bool isInterrupted() { return g_event.load() != 0; }
-
 const char* getInterruptName() {
-  switch (g_event.load()) {
+  switch (getInterruptCode()) {
     case 0: return "";
     case CTRL_C_EVENT + 1: return "Ctrl+C";
     case CTRL_BREAK_EVENT + 1: return "Ctrl+Break";
     case CTRL_CLOSE_EVENT + 1: return "closing the console";
     default: return "the system";
   }
-}
-
-bool waitForInterrupt(int timeoutMs) {
-  std::unique_lock<std::mutex> lock(g_mutex);
-  auto interrupted = [] { return g_event.load() != 0; };
-  if (timeoutMs < 0) {
-    g_interrupted.wait(lock, interrupted);
-    return true;
-  }
-  return g_interrupted.wait_for(lock, std::chrono::milliseconds(timeoutMs), interrupted);
 }
 
 void endAsInterrupted() {
