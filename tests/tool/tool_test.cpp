@@ -633,7 +633,7 @@ TEST_F(ToolServeTest, SignalsStopTheServerCleanly) {
     client.writeInput(std::string(2 << 20, 'x'));
     client.closeInput();
     EXPECT_EQ(client.wait(20000), 1);
-    EXPECT_EQ(client.readError(), "zel fs: /d/x.bin: connection failed\n");
+    EXPECT_EQ(client.readError(), "zel fs: /d/x.bin: connection to the server lost\n");
     EXPECT_FALSE(wxFileExists(join(shared, "x.bin").getWxString()));
   }
 #endif
