@@ -39,12 +39,24 @@ String toolPath() {
 #endif
 }
 
+namespace {
+
+std::string asText(std::string text) {
+  for (size_t at = text.find("\r\n"); at != std::string::npos; at = text.find("\r\n", at)) {
+    text.erase(at, 1);
+  }
+  return text;
+}
+
+}  // namespace
+
 CRunResult runTool(const std::vector<String>& args, const CRunOptions& options) {
   CProgramRun run(toolPath(), args, options);
   CRunResult result;
   result.code = run.wait(120000);
-  result.out = run.readOutput();
-  result.err = run.readError();
+  result.rawOut = run.readOutput();
+  result.out = asText(result.rawOut);
+  result.err = asText(run.readError());
   return result;
 }
 

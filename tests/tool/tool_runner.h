@@ -54,8 +54,12 @@ class CProgramRun {
 
 struct CRunResult {
   int code = -1;
+  // Text as a reader takes it: Windows line ends ("\r\n", which the C
+  // runtime writes for "\n") become "\n".
   std::string out;
   std::string err;
+  // Standard output byte for byte.
+  std::string rawOut;
 };
 
 // The zel tool beside this test executable.

@@ -304,11 +304,18 @@ TEST_F(ToolFsTest, NamesAreTakenAsWrittenWhateverCharactersTheyHold) {
   // Full URIs stay URIs: escapes are decoded by the URI rules.
   const CRunResult uri = fs({"get", "zel://docs/" + m_name + "/100%25.txt", "-"});
   EXPECT_EQ(uri.code, 0) << uri.err;
-  EXPECT_EQ(uri.out, "content 3");
+  EXPECT_EQ(uri.rawOut, "content 3");
   const CRunResult listing = fs({"ls", remote()});
   EXPECT_EQ(listing.code, 0);
   for (const String& name : names) {
-    EXPECT_NE(listing.out.find("  " + name.toStdUTF8() + "\n"), std::string::npos) << listing.out;
+    // Tables are text for the terminal: UTF-8 here (LC_ALL), the ANSI code
+    // page on Windows.
+    const std::string shown = isWindows() ? std::string(name.toCPSafe().data()) : name.toStdUTF8();
+    EXPECT_NE(listing.out.find("  " + shown + "\n"), std::string::npos) << listing.out;
+  }
+  const CRunResult json = fs({"ls", "--json", remote()});
+  for (const String& name : names) {
+    EXPECT_NE(json.out.find("\"name\": \"" + name.toStdUTF8() + "\""), std::string::npos) << json.out;
   }
   if (!isWindows()) {
     // A client whose locale cannot decode the name still means UTF-8.
@@ -452,14 +459,16 @@ TEST_F(ToolFsTest, LocalFilesAreTreatedAsCpTreatsThem) {
   wxRemoveFile(join(inSub.cwd, "src.txt").getWxString());
   EXPECT_EQ(fs({"get", remote("/src.txt")}, inSub).code, 0);
   EXPECT_EQ(test::readFileBytes(join(inSub.cwd, "src.txt")), "source");
-  // "-": standard input and output.
+  // "-": standard input and output, byte for byte (no line-end changes).
+  const std::string lines = "line 1\nline 2\r\n\x1a";
+  writeFile(join(local(), "lines.txt"), lines);
   CRunOptions fromFile = options();
-  fromFile.stdinFile = join(local(), "src.txt");
+  fromFile.stdinFile = join(local(), "lines.txt");
   EXPECT_EQ(fs({"put", "-", remote("/stdin.txt")}, fromFile).code, 0);
-  EXPECT_EQ(test::readFileBytes(serverFile("stdin.txt")), "source");
+  EXPECT_EQ(test::readFileBytes(serverFile("stdin.txt")), lines);
   const CRunResult out = fs({"get", remote("/stdin.txt"), "-"});
   EXPECT_EQ(out.code, 0);
-  EXPECT_EQ(out.out, "source");
+  EXPECT_EQ(out.rawOut, lines);
   // An existing file is replaced once the copy is complete.
   writeFile(join(local(), "old.txt"), "old content, longer");
   EXPECT_EQ(fs({"get", remote("/src.txt"), "old.txt"}).code, 0);
@@ -467,7 +476,7 @@ TEST_F(ToolFsTest, LocalFilesAreTreatedAsCpTreatsThem) {
   if (!isWindows()) {
     // A device that cannot seek, as sftp reads one.
     EXPECT_EQ(fs({"put", "/dev/stdin", remote("/dev.txt")}, fromFile).code, 0);
-    EXPECT_EQ(test::readFileBytes(serverFile("dev.txt")), "source");
+    EXPECT_EQ(test::readFileBytes(serverFile("dev.txt")), lines);
   }
   // mkdir with parents, mv into a folder, rm of a file and an empty folder.
   EXPECT_EQ(fs({"mkdir", remote("/x/y")}).code, 0);
