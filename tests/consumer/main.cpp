@@ -1,14 +1,14 @@
 // A complete program outside the zel tree, as the README shows it: the
 // library brought up and taken down, objects made with createObject and
 // held by P, values through a stream, and errors caught as CError.
-#include <cstdio>
-
 #include <zel/core/error.h>
 #include <zel/core/string.h>
 #include <zel/core/version.h>
 #include <zel/init/zel_init.h>
 #include <zel/stream/buffer_stream.h>
 #include <zel/stream/data_stream.h>
+
+#include <cstdio>
 
 int main() {
   int result = 1;

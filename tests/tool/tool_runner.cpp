@@ -83,9 +83,10 @@ std::wstring quoteArgument(const std::wstring& arg) {
 
 HANDLE openInheritable(const String& path, bool write) {
   SECURITY_ATTRIBUTES inherit{sizeof(inherit), nullptr, TRUE};
-  HANDLE handle = CreateFileW(path.toStdWString().c_str(), write ? GENERIC_WRITE : GENERIC_READ,
-                              FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit,
-                              write ? CREATE_ALWAYS : OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  HANDLE handle =
+      CreateFileW(path.toStdWString().c_str(), write ? GENERIC_WRITE : GENERIC_READ,
+                  FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit,
+                  write ? CREATE_ALWAYS : OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
   if (handle == INVALID_HANDLE_VALUE) throwSysError("CreateFileW", "CProgramRun");
   return handle;
 }
@@ -124,7 +125,8 @@ CProgramRun::CProgramRun(const String& program, const std::vector<String>& args,
     wchar_t old[32768];
     const DWORD length = GetEnvironmentVariableW(wideName.c_str(), old, 32768);
     saved.emplace_back(wideName, length ? std::wstring(old, length) : std::wstring());
-    SetEnvironmentVariableW(wideName.c_str(), String::fromUTF8(value.c_str()).toStdWString().c_str());
+    SetEnvironmentVariableW(wideName.c_str(),
+                            String::fromUTF8(value.c_str()).toStdWString().c_str());
   }
   STARTUPINFOW startup{};
   startup.cb = sizeof(startup);
@@ -134,9 +136,9 @@ CProgramRun::CProgramRun(const String& program, const std::vector<String>& args,
   startup.hStdError = err;
   PROCESS_INFORMATION info{};
   const std::wstring cwd = options.cwd.toStdWString();
-  const BOOL started = CreateProcessW(program.toStdWString().c_str(), commandLine.data(), nullptr,
-                                      nullptr, TRUE, 0, nullptr, cwd.empty() ? nullptr : cwd.c_str(),
-                                      &startup, &info);
+  const BOOL started =
+      CreateProcessW(program.toStdWString().c_str(), commandLine.data(), nullptr, nullptr, TRUE, 0,
+                     nullptr, cwd.empty() ? nullptr : cwd.c_str(), &startup, &info);
   const DWORD error = GetLastError();
   for (auto it = saved.rbegin(); it != saved.rend(); ++it) {
     SetEnvironmentVariableW(it->first.c_str(), it->second.empty() ? nullptr : it->second.c_str());
@@ -161,7 +163,8 @@ CProgramRun::~CProgramRun() {
 
 int CProgramRun::wait(int timeoutMs) {
   if (m_impl->ended) return m_impl->exitCode;
-  if (WaitForSingleObject(m_impl->process, timeoutMs < 0 ? INFINITE : static_cast<DWORD>(timeoutMs)) !=
+  if (WaitForSingleObject(m_impl->process,
+                          timeoutMs < 0 ? INFINITE : static_cast<DWORD>(timeoutMs)) !=
       WAIT_OBJECT_0) {
     return -1;
   }
@@ -186,8 +189,12 @@ void CProgramRun::closeInput() {
   m_impl->input = nullptr;
 }
 
-std::string CProgramRun::readOutput() const { return test::readFileBytes(m_impl->folder.file("out.txt")); }
-std::string CProgramRun::readError() const { return test::readFileBytes(m_impl->folder.file("err.txt")); }
+std::string CProgramRun::readOutput() const {
+  return test::readFileBytes(m_impl->folder.file("out.txt"));
+}
+std::string CProgramRun::readError() const {
+  return test::readFileBytes(m_impl->folder.file("err.txt"));
+}
 
 #else
 
@@ -248,7 +255,8 @@ CProgramRun::CProgramRun(const String& program, const std::vector<String>& args,
     m_impl->input = fds[1];
     posix_spawn_file_actions_adddup2(&actions, inputRead, 0);
   } else {
-    const std::string in = options.stdinFile.isEmpty() ? "/dev/null" : options.stdinFile.toStdUTF8();
+    const std::string in =
+        options.stdinFile.isEmpty() ? "/dev/null" : options.stdinFile.toStdUTF8();
     posix_spawn_file_actions_addopen(&actions, 0, in.c_str(), O_RDONLY, 0);
   }
   const std::string out = m_impl->folder.file("out.txt").toStdUTF8();
@@ -258,7 +266,8 @@ CProgramRun::CProgramRun(const String& program, const std::vector<String>& args,
   if (options.stderrTerminal) {
     m_impl->stderrTerminal = true;
     m_impl->terminal = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    if (m_impl->terminal < 0 || ::grantpt(m_impl->terminal) != 0 || ::unlockpt(m_impl->terminal) != 0) {
+    if (m_impl->terminal < 0 || ::grantpt(m_impl->terminal) != 0 ||
+        ::unlockpt(m_impl->terminal) != 0) {
       throwSysError("posix_openpt", "CProgramRun");
     }
     slaveName = ::ptsname(m_impl->terminal);
@@ -355,7 +364,9 @@ void CProgramRun::closeInput() {
   m_impl->input = -1;
 }
 
-std::string CProgramRun::readOutput() const { return test::readFileBytes(m_impl->folder.file("out.txt")); }
+std::string CProgramRun::readOutput() const {
+  return test::readFileBytes(m_impl->folder.file("out.txt"));
+}
 
 std::string CProgramRun::readError() const {
   if (m_impl->stderrTerminal) {

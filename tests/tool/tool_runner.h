@@ -19,9 +19,9 @@ struct CRunOptions {
   // Environment variables set for the child (Linux: in its environment;
   // Windows: in this process while the child starts, which inherits them).
   std::vector<std::pair<std::string, std::string>> env;
-  String cwd;               // empty: this process's current folder
-  String stdinFile;         // read as standard input; empty: the null device
-  bool stdinPipe = false;   // standard input is a pipe the test writes to
+  String cwd;                   // empty: this process's current folder
+  String stdinFile;             // read as standard input; empty: the null device
+  bool stdinPipe = false;       // standard input is a pipe the test writes to
   bool stderrTerminal = false;  // Linux only: standard error is a pseudo-terminal
 };
 

@@ -2,7 +2,6 @@
 // process against a real `zel serve` process, its output and exit codes
 // checked as a person or a script would read them.
 #include <gtest/gtest.h>
-
 #include <wx/dir.h>
 #include <wx/ffile.h>
 #include <wx/filefn.h>
@@ -47,8 +46,8 @@ std::vector<std::string> namesIn(const String& folder) {
   std::vector<std::string> names;
   wxDir dir(folder.getWxString());
   wxString name;
-  for (bool more = dir.GetFirst(&name, wxEmptyString, wxDIR_FILES | wxDIR_DIRS | wxDIR_HIDDEN); more;
-       more = dir.GetNext(&name)) {
+  for (bool more = dir.GetFirst(&name, wxEmptyString, wxDIR_FILES | wxDIR_DIRS | wxDIR_HIDDEN);
+       more; more = dir.GetNext(&name)) {
     names.push_back(String(name).toStdUTF8());
   }
   std::sort(names.begin(), names.end());
@@ -139,7 +138,8 @@ TEST_F(ToolCommandLineTest, HelpAndVersionGoToStandardOutputWithExitCode0) {
   for (const Args& args : {Args{"--help"}, Args{"help"}, Args{"-h"}}) {
     const CRunResult result = zel(args);
     EXPECT_EQ(result.code, 0);
-    EXPECT_EQ(result.out.rfind("usage: zel [--version] [--help] COMMAND [ARGS]\n", 0), 0u) << result.out;
+    EXPECT_EQ(result.out.rfind("usage: zel [--version] [--help] COMMAND [ARGS]\n", 0), 0u)
+        << result.out;
     EXPECT_NE(result.out.find("\n  fs "), std::string::npos);
     EXPECT_EQ(result.err, "");
   }
@@ -149,7 +149,8 @@ TEST_F(ToolCommandLineTest, HelpAndVersionGoToStandardOutputWithExitCode0) {
     EXPECT_EQ(result.out.rfind("usage: zel fs [options] COMMAND [ARGS]\n", 0), 0u) << result.out;
     EXPECT_EQ(result.err, "");
   }
-  for (const Args& args : {Args{"fs", "ls", "--help"}, Args{"fs", "help", "ls"}, Args{"help", "fs", "ls"}}) {
+  for (const Args& args :
+       {Args{"fs", "ls", "--help"}, Args{"fs", "help", "ls"}, Args{"help", "fs", "ls"}}) {
     const CRunResult result = zel(args);
     EXPECT_EQ(result.code, 0);
     EXPECT_EQ(result.out.rfind("usage: zel fs ls [options] [REMOTE]\n", 0), 0u) << result.out;
@@ -177,12 +178,14 @@ TEST_F(ToolCommandLineTest, MistakesAreNamedInOneLineWithExitCode2BeforeAnyConne
       {{"fs", "--address", nobody, "ls", "/docs", "--bogus"}, "zel fs: unknown option '--bogus'\n"},
       {{"fs", "--address", nobody, "ls", "-x", "/docs"}, "zel fs: unknown option '-x'\n"},
       {{"fs", "--address"}, "zel fs: option '--address' needs a value (NAME)\n"},
-      {{"fs", "--address", nobody, "frob"}, "zel fs: unknown command 'frob'; see 'zel fs --help'\n"},
+      {{"fs", "--address", nobody, "frob"},
+       "zel fs: unknown command 'frob'; see 'zel fs --help'\n"},
       {{"fs", "--address", nobody}, "zel fs: missing command; see 'zel fs --help'\n"},
       {{"fs", "--address", nobody, "get"}, "zel fs: get: missing operand (REMOTE [LOCAL])\n"},
       {{"fs", "--address", nobody, "stat", "/a", "/b"}, "zel fs: stat: unexpected operand '/b'\n"},
       {{"fs", "--address", nobody, "ls", "docs/x"},
-       "zel fs: 'docs/x': not a remote path (write /SHARE/path, or a URI such as zel://SHARE/path)\n"},
+       "zel fs: 'docs/x': not a remote path (write /SHARE/path, or a URI such as "
+       "zel://SHARE/path)\n"},
       {{"fs", "--address", nobody, "ls", "zel://docs/100%.txt"},
        "zel fs: 'zel://docs/100%.txt': not a valid URI (to give names as they are, write "
        "/SHARE/path)\n"},
@@ -190,7 +193,8 @@ TEST_F(ToolCommandLineTest, MistakesAreNamedInOneLineWithExitCode2BeforeAnyConne
        "zel fs: '/docs': name the remote file to write standard input to\n"},
       {{"fs", "--address", nobody, "ls", "--json=yes", "/docs"},
        "zel fs: option '--json' takes no value\n"},
-      {{"serve", "--address", nobody}, "zel serve: nothing to serve: give at least one --share NAME=FOLDER\n"},
+      {{"serve", "--address", nobody},
+       "zel serve: nothing to serve: give at least one --share NAME=FOLDER\n"},
       {{"serve", "--share", "d"}, "zel serve: --share 'd': expected NAME=FOLDER\n"},
       {{"serve", "--share", "a b=x"},
        "zel serve: --share 'a b=x': a share name holds only letters, digits, '.', '-' and '_'\n"},
@@ -315,7 +319,8 @@ TEST_F(ToolFsTest, NamesAreTakenAsWrittenWhateverCharactersTheyHold) {
   }
   const CRunResult json = fs({"ls", "--json", remote()});
   for (const String& name : names) {
-    EXPECT_NE(json.out.find("\"name\": \"" + name.toStdUTF8() + "\""), std::string::npos) << json.out;
+    EXPECT_NE(json.out.find("\"name\": \"" + name.toStdUTF8() + "\""), std::string::npos)
+        << json.out;
   }
   if (!isWindows()) {
     // A client whose locale cannot decode the name still means UTF-8.
@@ -348,10 +353,12 @@ TEST_F(ToolFsTest, ErrorsAreOneLineWithTheAddressAsWrittenAndNoServerPaths) {
   } cases[] = {
       {{"rm", "/docs"}, "zel fs: /docs: a share's root cannot be removed\n"},
       {{"ls", "/nosuchshare/x"}, "zel fs: /nosuchshare/x: no such share\n"},
-      {{"mkdir", remote("/a.txt")}, "zel fs: " + remote("/a.txt").toStdUTF8() + ": a file is in the way of the folder\n"},
+      {{"mkdir", remote("/a.txt")},
+       "zel fs: " + remote("/a.txt").toStdUTF8() + ": a file is in the way of the folder\n"},
       {{"get", remote()}, "zel fs: " + remote().toStdUTF8() + ": is a folder\n"},
       {{"put", "nosuch.txt", remote("/x")}, "zel fs: nosuch.txt: no such file or folder\n"},
-      {{"mv", remote("/a.txt"), remote("/a.txt")}, "zel fs: " + remote("/a.txt").toStdUTF8() + ": already exists\n"},
+      {{"mv", remote("/a.txt"), remote("/a.txt")},
+       "zel fs: " + remote("/a.txt").toStdUTF8() + ": already exists\n"},
   };
   for (const auto& c : cases) {
     const CRunResult result = fs(c.args);
@@ -420,7 +427,12 @@ TEST_F(ToolFsTest, TheJsonOfEveryDataCommandParses) {
   if (!wxFileExists("/usr/bin/python3")) GTEST_SKIP() << "no /usr/bin/python3 here";
   writeFile(serverFile("a.txt"), "abc");
   ASSERT_EQ(::symlink("a.txt", serverFile("l").toStdUTF8().c_str()), 0);
-  const std::vector<std::pair<Args, std::string>> commands = {
+  // Names may hold what JSON must escape, and what must not reach a table.
+  writeFile(serverFile("say \"hi\"\n\\.txt"), "");
+  const CRunResult table = fs({"ls", remote()});
+  EXPECT_NE(table.out.find("  say \"hi\"?\\.txt\n"), std::string::npos) << table.out;
+  const std::vector<std::pair<Args, std::string> > commands = {
+      {{"ls", "--json", remote()}, "\"name\": \"say \\\"hi\\\"\\n\\\\.txt\""},
       {{"ls", "--json", remote()}, "\"target\": \"a.txt\""},
       {{"ls", "--json", "/"}, "\"name\": \"more\""},
       {{"stat", "--json", remote("/a.txt")}, "\"size\": 3,"},
@@ -485,7 +497,8 @@ TEST_F(ToolFsTest, LocalFilesAreTreatedAsCpTreatsThem) {
   EXPECT_EQ(fs({"rm", remote("/x/src.txt"), remote("/x/y")}).code, 0);
   EXPECT_EQ(namesIn(join(m_serverFolder, "x")), std::vector<std::string>{});
   // Nothing temporary was left on either side.
-  for (const std::string& name : namesIn(m_serverFolder)) EXPECT_EQ(name.find(".part"), std::string::npos);
+  for (const std::string& name : namesIn(m_serverFolder))
+    EXPECT_EQ(name.find(".part"), std::string::npos);
   for (const std::string& name : namesIn(local())) EXPECT_EQ(name.find(".part"), std::string::npos);
 }
 
@@ -499,7 +512,8 @@ void makeSparseFile(const String& path, long long size) {
 
 bool holdsPartFile(const String& folder) {
   for (const std::string& name : namesIn(folder)) {
-    if (name.find(".zel-") != std::string::npos && name.find(".part") != std::string::npos) return true;
+    if (name.find(".zel-") != std::string::npos && name.find(".part") != std::string::npos)
+      return true;
   }
   return false;
 }
@@ -513,8 +527,10 @@ TEST_F(ToolFsTest, InterruptedTransfersLeaveNoFileOnEitherSide) {
   const long long size = 1ll << 30;
   makeSparseFile(join(local(), "big.bin"), size);
   {
-    CProgramRun put(toolPath(), {"fs", "--address", s_server->getAddress(), "put", "big.bin", remote("/big.bin")},
-                    options());
+    CProgramRun put(
+        toolPath(),
+        {"fs", "--address", s_server->getAddress(), "put", "big.bin", remote("/big.bin")},
+        options());
     ASSERT_TRUE(eventually([&] { return holdsPartFile(m_serverFolder) || put.wait(0) >= 0; }));
     put.sendSignal(SIGINT);
     EXPECT_EQ(put.wait(60000), 128 + SIGINT) << "the copy ended before it could be interrupted";
@@ -526,7 +542,8 @@ TEST_F(ToolFsTest, InterruptedTransfersLeaveNoFileOnEitherSide) {
   {
     CRunOptions piped = options();
     piped.stdinPipe = true;
-    CProgramRun put(toolPath(), {"fs", "--address", s_server->getAddress(), "put", "-", remote("/piped.bin")},
+    CProgramRun put(toolPath(),
+                    {"fs", "--address", s_server->getAddress(), "put", "-", remote("/piped.bin")},
                     piped);
     put.writeInput(std::string(3 << 20, 'p'));
     ASSERT_TRUE(eventually([&] { return holdsPartFile(m_serverFolder); }));
@@ -537,8 +554,10 @@ TEST_F(ToolFsTest, InterruptedTransfersLeaveNoFileOnEitherSide) {
 
   makeSparseFile(serverFile("remote.bin"), size);
   {
-    CProgramRun get(toolPath(), {"fs", "--address", s_server->getAddress(), "get", remote("/remote.bin"), "got.bin"},
-                    options());
+    CProgramRun get(
+        toolPath(),
+        {"fs", "--address", s_server->getAddress(), "get", remote("/remote.bin"), "got.bin"},
+        options());
     ASSERT_TRUE(eventually([&] { return holdsPartFile(local()) || get.wait(0) >= 0; }));
     get.sendSignal(SIGINT);
     EXPECT_EQ(get.wait(60000), 128 + SIGINT) << "the copy ended before it could be interrupted";
@@ -609,7 +628,8 @@ TEST_F(ToolServeTest, RelativeFoldersAreServedAndMissingOnesRefused) {
 
   const CRunResult missing = runTool({"serve", "--share", "d=nosuch"}, options());
   EXPECT_EQ(missing.code, 1);
-  EXPECT_EQ(missing.err, "zel serve: " + join(m_folder.getPath(), "nosuch").toStdUTF8() + ": not a folder\n");
+  EXPECT_EQ(missing.err,
+            "zel serve: " + join(m_folder.getPath(), "nosuch").toStdUTF8() + ": not a folder\n");
 }
 
 TEST_F(ToolServeTest, SignalsStopTheServerCleanly) {
@@ -626,7 +646,8 @@ TEST_F(ToolServeTest, SignalsStopTheServerCleanly) {
     // A client session in the middle of a put.
     CRunOptions piped = options();
     piped.stdinPipe = true;
-    CProgramRun client(toolPath(), {"fs", "--address", server.getAddress(), "put", "-", "/d/x.bin"}, piped);
+    CProgramRun client(toolPath(), {"fs", "--address", server.getAddress(), "put", "-", "/d/x.bin"},
+                       piped);
     client.writeInput(std::string(1 << 20, 'x'));
     ASSERT_TRUE(eventually([&] { return holdsPartFile(shared); }));
 
@@ -654,18 +675,19 @@ TEST_F(ToolServeTest, GlobalAsRootNeedsTheExplicitOptionAndAlwaysWarns) {
 #else
   if (::geteuid() != 0) GTEST_SKIP() << "not running as root";
   const String address = uniqueName("global");
-  const CRunResult refused =
-      runTool({"serve", "--global", "--address", address, "--share", "d=" + m_folder.getPath()}, options());
+  const CRunResult refused = runTool(
+      {"serve", "--global", "--address", address, "--share", "d=" + m_folder.getPath()}, options());
   EXPECT_EQ(refused.code, 2);
   EXPECT_EQ(refused.err,
             "zel serve: --global as root would let every local user act as root on the shared "
             "folders; add --all-users-may-act-as-root if that is what you want\n");
 
   CProgramRun global(toolPath(),
-                     {"serve", "--global", "--all-users-may-act-as-root", "--address", address, "--json",
-                      "--share", "d=" + m_folder.getPath()},
+                     {"serve", "--global", "--all-users-may-act-as-root", "--address", address,
+                      "--json", "--share", "d=" + m_folder.getPath()},
                      options());
-  ASSERT_TRUE(eventually([&] { return global.readOutput().find("\"endpoint\"") != std::string::npos; }));
+  ASSERT_TRUE(
+      eventually([&] { return global.readOutput().find("\"endpoint\"") != std::string::npos; }));
   EXPECT_EQ(global.readError(),
             "zel serve: warning: --global: every user of this machine can read, change and delete "
             "the shared files, with the rights of root\n");

@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <cstring>
 
-#include "output.h"
-
 namespace zeltool {
 
 namespace {
@@ -88,12 +86,13 @@ CParsedArgs parseArgs(const Args& args, const std::vector<OptionSpec>& options,
     }
     if (text[1] == L'-') {
       const size_t equals = text.find(L'=');
-      const std::string name = zel::String(text.substr(2, equals == std::wstring::npos
-                                                              ? std::wstring::npos
-                                                              : equals - 2))
-                                   .toStdUTF8();
+      const std::string name =
+          zel::String(
+              text.substr(2, equals == std::wstring::npos ? std::wstring::npos : equals - 2))
+              .toStdUTF8();
       const OptionSpec* option = findLong(options, name);
-      if (!option) throw CUsageError("unknown option " + quoted(zel::String(text.substr(0, equals))));
+      if (!option)
+        throw CUsageError("unknown option " + quoted(zel::String(text.substr(0, equals))));
       if (!option->valueName) {
         if (equals != std::wstring::npos) {
           throw CUsageError("option " + quoted("--" + zel::String(name)) + " takes no value");
@@ -113,8 +112,10 @@ CParsedArgs parseArgs(const Args& args, const std::vector<OptionSpec>& options,
     // (the rest of the word or the next argument).
     for (size_t at = 1; at < text.size(); ++at) {
       const wchar_t letter = text[at];
-      const OptionSpec* option = letter < 128 ? findShort(options, static_cast<char>(letter)) : nullptr;
-      if (!option) throw CUsageError("unknown option " + quoted("-" + zel::String(text.substr(at, 1))));
+      const OptionSpec* option =
+          letter < 128 ? findShort(options, static_cast<char>(letter)) : nullptr;
+      if (!option)
+        throw CUsageError("unknown option " + quoted("-" + zel::String(text.substr(at, 1))));
       if (!option->valueName) {
         parsed.m_options.emplace_back(option->name, zel::String());
         continue;
@@ -175,8 +176,8 @@ std::string groupHelp(const char* program, const char* synopsis, const char* sum
   for (const CommandSpec& command : commands) width = std::max(width, std::strlen(command.name));
   text += "\ncommands:\n";
   for (const CommandSpec& command : commands) {
-    text += std::string("  ") + command.name + std::string(width - std::strlen(command.name) + 2, ' ') +
-            command.summary + "\n";
+    text += std::string("  ") + command.name +
+            std::string(width - std::strlen(command.name) + 2, ' ') + command.summary + "\n";
   }
   if (footer) text += std::string("\n") + footer;
   return text;

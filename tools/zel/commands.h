@@ -33,7 +33,8 @@ int guarded(const std::string& program, const COutput& out, Body&& body) {
     std::fprintf(stderr, "%s: %s\n", program.c_str(), toDisplay(e.getText()).c_str());
     return ExitUsage;
   } catch (const CInterrupted&) {
-    if (!out.quiet) std::fprintf(stderr, "%s: interrupted by %s\n", program.c_str(), getInterruptName());
+    if (!out.quiet)
+      std::fprintf(stderr, "%s: interrupted by %s\n", program.c_str(), getInterruptName());
     return ExitInterrupted;
   } catch (const CFailure& failure) {
     reportFailure(program, out, failure);

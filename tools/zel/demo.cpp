@@ -61,9 +61,9 @@ void session(zel::IFileSystem& fs, CStepper& steps) {
     return zel::String();
   });
   steps.step("write " + report.toString(false), [&] {
-    zel::P<zel::IIOStream> out = fs.createStream(
-        report, zel::IIOStream::AccessReadWrite,
-        {zel::IIOStream::FlagAlwaysCreateIfNotExist, zel::IIOStream::FlagTruncate});
+    zel::P<zel::IIOStream> out =
+        fs.createStream(report, zel::IIOStream::AccessReadWrite,
+                        {zel::IIOStream::FlagAlwaysCreateIfNotExist, zel::IIOStream::FlagTruncate});
     out->write(data->getData(), static_cast<int>(data->getSize()));
     out->close();
     return zel::String::fromInt64(static_cast<zel::int64>(reportSize)) + " bytes";
@@ -90,9 +90,8 @@ void session(zel::IFileSystem& fs, CStepper& steps) {
   steps.step("background store " + notes.toString(false), [&] {
     zel::P<zel::TBuffer<unsigned char>> noteBytes = patternBytes(1 << 20, 2);
     zel::P<zel::CBufferStream> source = zel::createObject<zel::CBufferStream>(noteBytes, true);
-    zel::P<zel::IBackgroundOp> op =
-        fs.backgroundStore(notes, static_cast<zel::int64>(noteBytes->getSize()), source.get(),
-                           false, nullptr);
+    zel::P<zel::IBackgroundOp> op = fs.backgroundStore(
+        notes, static_cast<zel::int64>(noteBytes->getSize()), source.get(), false, nullptr);
     op->waitFinished(-1);
     op->throwErrorIfFailed();
     return zel::String::fromInt64(fs.getFileInfo(notes, false)->getSize()) + " bytes stored";
@@ -115,24 +114,24 @@ void session(zel::IFileSystem& fs, CStepper& steps) {
 int runDemo(CCommandContext& context) {
   CStepper steps;
   int status = 0;
-  const zel::String addressName = "demo-" + zel::String::fromInt64(static_cast<zel::int64>(
-                                                std::chrono::system_clock::now()
-                                                    .time_since_epoch()
-                                                    .count() %
-                                                1000000007));
+  const zel::String addressName =
+      "demo-" + zel::String::fromInt64(static_cast<zel::int64>(
+                    std::chrono::system_clock::now().time_since_epoch().count() % 1000000007));
   const wxString shareFolder = wxFileName::CreateTempFileName("zel-demo-");
   try {
     // CreateTempFileName made a file to reserve the name; the share is a
     // folder of that name.
     wxRemoveFile(shareFolder);
-    if (!wxFileName::Mkdir(shareFolder, 0700)) throw zel::CError("Cannot create a temporary folder");
+    if (!wxFileName::Mkdir(shareFolder, 0700))
+      throw zel::CError("Cannot create a temporary folder");
     std::printf("share folder: %s\n", zel::String(shareFolder).toCPSafe().data());
 
     std::unique_ptr<CChildProcess> server;
     const zel::CIPCAddress address(kAppID, addressName, false);
     steps.step("start the server process", [&] {
-      Args serveArgs{"serve", "--share", "demo=" + zel::String(shareFolder), "--address",
-                     addressName, "--until-stdin-closes", "--quiet"};
+      Args serveArgs{"serve",     "--share",   "demo=" + zel::String(shareFolder),
+                     "--address", addressName, "--until-stdin-closes",
+                     "--quiet"};
       if (context.args.has("no-log")) serveArgs.push_back("--no-log");
       server = std::make_unique<CChildProcess>(serveArgs);
       return "pid " + zel::String::fromInt64(server->getPID());
@@ -165,11 +164,16 @@ int runDemo(CCommandContext& context) {
 }  // namespace
 
 CommandSpec demoCommand() {
-  CommandSpec spec{"demo", "", "a server process and a client session against it, step by step",
-          "Starts `zel serve` on a temporary folder as a second process, then creates a\n"
-          "folder, writes 8 MiB, lists, reads back and compares, stores in the\n"
-          "background, moves and deletes through it, printing each step and its time.\n",
-          {}, 0, 0, &runDemo};
+  CommandSpec spec{"demo",
+                   "",
+                   "a server process and a client session against it, step by step",
+                   "Starts `zel serve` on a temporary folder as a second process, then creates a\n"
+                   "folder, writes 8 MiB, lists, reads back and compares, stores in the\n"
+                   "background, moves and deletes through it, printing each step and its time.\n",
+                   {},
+                   0,
+                   0,
+                   &runDemo};
   spec.showsLibraryNotices = true;
   return spec;
 }

@@ -15,7 +15,8 @@ const wchar_t kNoShareMessage[] = L"Proxy URI does not reference a shared filesy
 zel::String plainMessage(const zel::String& message) {
   std::wstring text = message.toStdWString();
   while (!text.empty() && (text.back() == L'.' || text.back() == L' ')) text.pop_back();
-  if (text.size() >= 2 && text[0] >= L'A' && text[0] <= L'Z' && !(text[1] >= L'A' && text[1] <= L'Z')) {
+  if (text.size() >= 2 && text[0] >= L'A' && text[0] <= L'Z' &&
+      !(text[1] >= L'A' && text[1] <= L'Z')) {
     text[0] = static_cast<wchar_t>(text[0] - L'A' + L'a');
   }
   return text.empty() ? zel::String("failed") : zel::String(text);
@@ -50,7 +51,8 @@ Problem classifyProblem(const zel::CError& error) {
   }
   for (const zel::CError* at = &error; at; at = at->getCause().get()) {
     if (zel::isFileOrFolderNotFoundError(*at)) return zel::CFileSystemError::ProblemNotFound;
-    if (zel::isFileOrFolderAlreadyExistsError(*at)) return zel::CFileSystemError::ProblemAlreadyExists;
+    if (zel::isFileOrFolderAlreadyExistsError(*at))
+      return zel::CFileSystemError::ProblemAlreadyExists;
     if (zel::isOutOfSpaceError(*at)) return zel::CFileSystemError::ProblemOutOfSpace;
     if (zel::isAccessDeniedError(*at)) return zel::CFileSystemError::ProblemAccessDenied;
     if (zel::couldBeNetworkConnectionProblemError(*at)) {
@@ -65,12 +67,18 @@ zel::String describeError(const zel::CError& error) {
   if (g_isConnectionLost && g_isConnectionLost()) return "connection to the server lost";
   if (error.getMessage() == kNoShareMessage) return "no such share";
   switch (classifyProblem(error)) {
-    case zel::CFileSystemError::ProblemNotFound: return "no such file or folder";
-    case zel::CFileSystemError::ProblemAlreadyExists: return "already exists";
-    case zel::CFileSystemError::ProblemOutOfSpace: return "no space left";
-    case zel::CFileSystemError::ProblemAccessDenied: return "permission denied";
-    case zel::CFileSystemError::ProblemNetworkConnection: return "connection failed";
-    default: break;
+    case zel::CFileSystemError::ProblemNotFound:
+      return "no such file or folder";
+    case zel::CFileSystemError::ProblemAlreadyExists:
+      return "already exists";
+    case zel::CFileSystemError::ProblemOutOfSpace:
+      return "no space left";
+    case zel::CFileSystemError::ProblemAccessDenied:
+      return "permission denied";
+    case zel::CFileSystemError::ProblemNetworkConnection:
+      return "connection failed";
+    default:
+      break;
   }
   for (const zel::CError* at = &error; at; at = at->getCause().get()) {
     if (zel::isFolderNotEmptyError(*at)) return "folder not empty";
@@ -82,7 +90,9 @@ zel::String describeError(const zel::CError& error) {
 
 zel::String describeErrorVerbose(const zel::CError& error) {
   zel::String internal;
-  auto add = [&](const zel::String& piece) { internal += (internal.isEmpty() ? "" : ", ") + piece; };
+  auto add = [&](const zel::String& piece) {
+    internal += (internal.isEmpty() ? "" : ", ") + piece;
+  };
   if (error.hasErrorCode()) {
     add(error.getErrorCodeDomain() + " " + zel::String::fromInt64(error.getErrorCode()));
   } else if (error.getErrorCode() != -1) {

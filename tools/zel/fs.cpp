@@ -100,9 +100,14 @@ const std::vector<CommandSpec>& fsCommands() {
 }
 
 CommandSpec fsCommand() {
-  CommandSpec spec{"fs", "[options] COMMAND [ARGS]",
+  CommandSpec spec{"fs",
+                   "[options] COMMAND [ARGS]",
                    "use a running server: ls, stat, get, put, mkdir, rm, mv, df",
-                   nullptr, {}, 0, -1, nullptr};
+                   nullptr,
+                   {},
+                   0,
+                   -1,
+                   nullptr};
   spec.runGroup = &runFs;
   return spec;
 }
@@ -136,10 +141,14 @@ int forEachPath(CCommandContext& context, const std::vector<CRemotePath>& paths,
 const char* typeName(zel::IFileInfoBase& info) {
   if (info.getSymLinkType() != zel::IFileInfoBase::SymLinkNone) return "link";
   switch (info.getType()) {
-    case zel::IFileInfoBase::TypeFile: return "file";
-    case zel::IFileInfoBase::TypeFolder: return "folder";
-    case zel::IFileInfoBase::TypeOther: return "other";
-    default: return "unknown";
+    case zel::IFileInfoBase::TypeFile:
+      return "file";
+    case zel::IFileInfoBase::TypeFolder:
+      return "folder";
+    case zel::IFileInfoBase::TypeOther:
+      return "other";
+    default:
+      return "unknown";
   }
 }
 

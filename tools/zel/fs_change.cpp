@@ -61,18 +61,24 @@ int runMove(CCommandContext& context) {
 
 CommandSpec fsMkdirCommand() {
   return {"mkdir", "REMOTE...", "create folders (and missing parents; existing ones are fine)",
-          nullptr, {}, 1, -1, &runMkdir};
+          nullptr, {},          1,
+          -1,      &runMkdir};
 }
 
 CommandSpec fsRemoveCommand() {
-  return {"rm", "REMOTE...", "delete files, links and empty folders", nullptr, {}, 1, -1,
-          &runRemove};
+  return {"rm", "REMOTE...", "delete files, links and empty folders", nullptr, {}, 1,
+          -1,   &runRemove};
 }
 
 CommandSpec fsMoveCommand() {
-  return {"mv", "FROM TO", "move or rename; into TO when TO is a folder",
+  return {"mv",
+          "FROM TO",
+          "move or rename; into TO when TO is a folder",
           "An existing file at TO is kept (the move fails) unless --force is given.\n",
-          {{"force", 'f', nullptr, "replace an existing file at TO"}}, 2, 2, &runMove};
+          {{"force", 'f', nullptr, "replace an existing file at TO"}},
+          2,
+          2,
+          &runMove};
 }
 
 }  // namespace zeltool

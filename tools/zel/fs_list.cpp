@@ -30,7 +30,8 @@ zel::String owner(zel::IFileInfoBase& info) {
 
 zel::String unixMode(zel::IFileInfoBase& info) {
   char text[16];
-  std::snprintf(text, sizeof(text), "%04llo", static_cast<unsigned long long>(info.getUnixMode() & 07777));
+  std::snprintf(text, sizeof(text), "%04llo",
+                static_cast<unsigned long long>(info.getUnixMode() & 07777));
   return text;
 }
 
@@ -59,12 +60,12 @@ void printEntries(const CCommandContext& context, std::vector<Entry>& entries) {
     json.beginArray();
     for (Entry& entry : entries) {
       zel::IFileInfoBase& info = *entry.info;
-      json.beginObject().key("name").value(entry.name).key("type").value(typeName(info));
-      json.key("size").bytes(info.getSize()).key("modified").value(info.getDataModifiedTime());
+      json.beginObject().field("name", entry.name).field("type", typeName(info));
+      json.bytesField("size", info.getSize()).field("modified", info.getDataModifiedTime());
       if (info.hasUnixInfo()) {
-        json.key("mode").value(unixMode(info)).key("owner").value(owner(info));
+        json.field("mode", unixMode(info)).field("owner", owner(info));
       }
-      if (isLink(info)) json.key("target").value(info.getSymLinkTargetPath());
+      if (isLink(info)) json.field("target", info.getSymLinkTargetPath());
       json.endObject();
     }
     json.endArray();
@@ -72,10 +73,10 @@ void printEntries(const CCommandContext& context, std::vector<Entry>& entries) {
     return;
   }
   CTable table({{"MODE", CTable::Left},
-                 {"OWNER", CTable::Left},
-                 {"SIZE", CTable::Right},
-                 {"MODIFIED", CTable::Left},
-                 {"NAME", CTable::Left}});
+                {"OWNER", CTable::Left},
+                {"SIZE", CTable::Right},
+                {"MODIFIED", CTable::Left},
+                {"NAME", CTable::Left}});
   for (Entry& entry : entries) {
     zel::IFileInfoBase& info = *entry.info;
     std::string name = toDisplay(entry.name);
@@ -100,24 +101,25 @@ int runList(CCommandContext& context) {
 int runStat(CCommandContext& context) {
   const CRemotePath path = remoteOperand(context, 0);
   zel::IFileSystem& fs = context.server();
-  zel::P<zel::IFileInfoBase> info = onSubject(path.written, [&] { return fs.getFileInfo(path.uri, false); });
+  zel::P<zel::IFileInfoBase> info =
+      onSubject(path.written, [&] { return fs.getFileInfo(path.uri, false); });
   const zel::String name = path.isShareList() ? zel::String("/") : path.uri.getName();
   if (context.out.json) {
     CJsonWriter json;
     json.beginObject()
-        .key("name").value(name)
-        .key("type").value(typeName(*info))
-        .key("size").bytes(info->getSize())
-        .key("modified").value(info->getDataModifiedTime())
-        .key("created").value(info->getCreatedTime())
-        .key("readOnly").value(info->isReadOnly())
-        .key("hidden").value(info->isHidden());
+        .field("name", name)
+        .field("type", typeName(*info))
+        .bytesField("size", info->getSize())
+        .field("modified", info->getDataModifiedTime())
+        .field("created", info->getCreatedTime())
+        .field("readOnly", info->isReadOnly())
+        .field("hidden", info->isHidden());
     if (info->hasUnixInfo()) {
-      json.key("mode").value(unixMode(*info))
-          .key("owner").value(owner(*info))
-          .key("group").value(info->getUnixGroupName());
+      json.field("mode", unixMode(*info))
+          .field("owner", owner(*info))
+          .field("group", info->getUnixGroupName());
     }
-    if (isLink(*info)) json.key("target").value(info->getSymLinkTargetPath());
+    if (isLink(*info)) json.field("target", info->getSymLinkTargetPath());
     json.endObject();
     printOut(json.getText());
     return ExitSuccess;
@@ -142,15 +144,26 @@ int runStat(CCommandContext& context) {
 }  // namespace
 
 CommandSpec fsListCommand() {
-  return {"ls", "[REMOTE]", "list a folder (sorted, links marked); '/' or nothing: the shares",
+  return {"ls",
+          "[REMOTE]",
+          "list a folder (sorted, links marked); '/' or nothing: the shares",
           "Columns: mode, owner, size, time of the last change, name ('name -> target'\n"
           "for links). Sizes are rounded up as ls -lh shows them.\n",
-          {bytesOption(), jsonOption()}, 0, 1, &runList};
+          {bytesOption(), jsonOption()},
+          0,
+          1,
+          &runList};
 }
 
 CommandSpec fsStatCommand() {
-  return {"stat", "REMOTE", "information on a file or folder (links are not followed)", nullptr,
-          {bytesOption(), jsonOption()}, 1, 1, &runStat};
+  return {"stat",
+          "REMOTE",
+          "information on a file or folder (links are not followed)",
+          nullptr,
+          {bytesOption(), jsonOption()},
+          1,
+          1,
+          &runStat};
 }
 
 }  // namespace zeltool

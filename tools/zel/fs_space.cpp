@@ -10,7 +10,7 @@ struct SpaceRow {
   zel::String path;
   zel::int64 total = -1;  // -1: not known
   zel::int64 used = -1;
-  zel::int64 free = -1;   // for the server's user
+  zel::int64 free = -1;  // for the server's user
 };
 
 SpaceRow measure(zel::IFileSystem& fs, const CRemotePath& path) {
@@ -46,18 +46,17 @@ int runSpace(CCommandContext& context) {
     }
   }
   std::vector<SpaceRow> rows;
-  const int status = forEachPath(context, expanded, [&](const CRemotePath& path) {
-    rows.push_back(measure(fs, path));
-  });
+  const int status = forEachPath(
+      context, expanded, [&](const CRemotePath& path) { rows.push_back(measure(fs, path)); });
   if (context.out.json) {
     CJsonWriter json;
     json.beginArray();
     for (const SpaceRow& row : rows) {
       json.beginObject()
-          .key("path").value(row.path)
-          .key("total").bytes(row.total)
-          .key("used").bytes(row.used)
-          .key("free").bytes(row.free)
+          .field("path", row.path)
+          .bytesField("total", row.total)
+          .bytesField("used", row.used)
+          .bytesField("free", row.free)
           .endObject();
     }
     json.endArray();
@@ -65,10 +64,10 @@ int runSpace(CCommandContext& context) {
     return status;
   }
   CTable table({{"PATH", CTable::Left},
-                 {"TOTAL", CTable::Right},
-                 {"USED", CTable::Right},
-                 {"FREE", CTable::Right},
-                 {"USE%", CTable::Right}});
+                {"TOTAL", CTable::Right},
+                {"USED", CTable::Right},
+                {"FREE", CTable::Right},
+                {"USE%", CTable::Right}});
   for (const SpaceRow& row : rows) {
     const bool raw = context.out.rawBytes;
     table.addRow({toDisplay(row.path), formatSize(row.total, raw), formatSize(row.used, raw),
@@ -81,10 +80,15 @@ int runSpace(CCommandContext& context) {
 }  // namespace
 
 CommandSpec fsSpaceCommand() {
-  return {"df", "[REMOTE...]", "total, used and free space where REMOTE lies; no REMOTE: every share",
+  return {"df",
+          "[REMOTE...]",
+          "total, used and free space where REMOTE lies; no REMOTE: every share",
           "FREE is what the server's user may still write. TOTAL and USED come from a\n"
           "`zel serve` server; other servers show '-' there.\n",
-          {bytesOption(), jsonOption()}, 0, -1, &runSpace};
+          {bytesOption(), jsonOption()},
+          0,
+          -1,
+          &runSpace};
 }
 
 }  // namespace zeltool

@@ -34,7 +34,8 @@ int runGet(CCommandContext& context) {
 
   zel::P<zel::IFileInfoBase> info =
       onSubject(source.written, [&] { return fs.getFileInfo(source.uri, true); });
-  if (info->getType() == zel::IFileInfoBase::TypeFolder) throw CFailure(source.written, "is a folder");
+  if (info->getType() == zel::IFileInfoBase::TypeFolder)
+    throw CFailure(source.written, "is a folder");
   // A local folder as target keeps the remote name, as cp does.
   zel::String localName = localWritten;
   if (isLocalFolder(localPath)) {
@@ -42,7 +43,8 @@ int runGet(CCommandContext& context) {
     localName = joinLocalPath(localWritten, source.uri.getName());
   }
   zel::P<zel::IIOStream> in = onSubject(source.written, [&] {
-    return fs.createStream(source.uri, zel::IIOStream::AccessRead, zel::TFlags<zel::IIOStream::Flags>());
+    return fs.createStream(source.uri, zel::IIOStream::AccessRead,
+                           zel::TFlags<zel::IIOStream::Flags>());
   });
 
   CInterruptScope interruptible;
@@ -53,9 +55,11 @@ int runGet(CCommandContext& context) {
   const Clock::time_point start = Clock::now();
   for (;;) {
     if (isInterrupted()) throw CInterrupted();
-    const int got = onSubject(source.written, [&] { return in->readLax(buffer.getData(), kChunk); });
+    const int got =
+        onSubject(source.written, [&] { return in->readLax(buffer.getData(), kChunk); });
     if (got <= 0) break;
-    if (!onSubject(localName, [&] { return out.write(buffer.getData(), got); })) throw CInterrupted();
+    if (!onSubject(localName, [&] { return out.write(buffer.getData(), got); }))
+      throw CInterrupted();
     done += got;
     progress.update(done);
   }
@@ -119,7 +123,8 @@ int runPut(CCommandContext& context) {
   if ((target.endsWithSlash || target.isShareRoot) && localName.isEmpty()) {
     throw CUsageError("'" + target.written + "': name the remote file to write standard input to");
   }
-  CLocalReader reader = onSubject(localWritten, [&] { return CLocalReader(absoluteLocalPath(localWritten)); });
+  CLocalReader reader =
+      onSubject(localWritten, [&] { return CLocalReader(absoluteLocalPath(localWritten)); });
   zel::IFileSystem& fs = context.server();
 
   // A remote folder as target keeps the local name, as cp does.
@@ -129,14 +134,14 @@ int runPut(CCommandContext& context) {
     if (localName.isEmpty()) throw CFailure(target.written, "is a folder; name the file to write");
     target = target.child(localName);
   }
-  const zel::CURI temporary =
-      target.uri.getParent().append(temporaryNameFor(target.uri.getName()));
+  const zel::CURI temporary = target.uri.getParent().append(temporaryNameFor(target.uri.getName()));
 
   CInterruptScope interruptible;
   CRemoteTemporary out(fs, temporary, onSubject(target.written, [&] {
-    return fs.createStream(temporary, zel::IIOStream::AccessReadWrite,
-                           zel::TFlags<zel::IIOStream::Flags>(zel::IIOStream::FlagFailIfAlreadyExists));
-  }));
+                         return fs.createStream(temporary, zel::IIOStream::AccessReadWrite,
+                                                zel::TFlags<zel::IIOStream::Flags>(
+                                                    zel::IIOStream::FlagFailIfAlreadyExists));
+                       }));
   CProgress progress(context.out, reader.getSize());
   zel::TBuffer<unsigned char> buffer(kChunk);
   zel::int64 done = 0;
@@ -162,19 +167,29 @@ int runPut(CCommandContext& context) {
 }  // namespace
 
 CommandSpec fsGetCommand() {
-  return {"get", "REMOTE [LOCAL]", "copy a file from the server",
+  return {"get",
+          "REMOTE [LOCAL]",
+          "copy a file from the server",
           "LOCAL may be a folder (the file keeps its name; the default is the current\n"
           "folder), a file (replaced once the copy is complete) or '-' (standard output).\n"
           "Progress is shown on a terminal for copies that take more than a second.\n",
-          {}, 1, 2, &runGet};
+          {},
+          1,
+          2,
+          &runGet};
 }
 
 CommandSpec fsPutCommand() {
-  return {"put", "LOCAL REMOTE", "copy a file to the server",
+  return {"put",
+          "LOCAL REMOTE",
+          "copy a file to the server",
           "LOCAL may be '-' (standard input). REMOTE may be a folder (the file keeps its\n"
           "name) or a file (replaced once the copy is complete).\n"
           "Progress is shown on a terminal for copies that take more than a second.\n",
-          {}, 2, 2, &runPut};
+          {},
+          2,
+          2,
+          &runPut};
 }
 
 }  // namespace zeltool

@@ -41,12 +41,12 @@ int runInfo(CCommandContext& context) {
   if (context.out.json) {
     CJsonWriter json;
     json.beginObject()
-        .key("version").value(ZEL_VERSION_STRING)
-        .key("platform").value(zel::getPlatformDescription())
-        .key("wxWidgets").value(zel::getWxVersionString())
-        .key("codePage").value(zel::getCurrentCodePageName())
-        .key("logFolder").value(log)
-        .key("selfCheck").value(check)
+        .field("version", ZEL_VERSION_STRING)
+        .field("platform", zel::getPlatformDescription())
+        .field("wxWidgets", zel::getWxVersionString())
+        .field("codePage", zel::getCurrentCodePageName())
+        .field("logFolder", log)
+        .field("selfCheck", check)
         .endObject();
     printOut(json.getText());
   } else {
@@ -63,10 +63,15 @@ int runInfo(CCommandContext& context) {
 }  // namespace
 
 CommandSpec infoCommand() {
-  return {"info", "", "library version, platform and a self-check",
+  return {"info",
+          "",
+          "library version, platform and a self-check",
           "The log folder shown is where the commands that keep a log write log.xml\n"
           "(COMMAND stands for serve, fs or demo).\n",
-          {jsonOption()}, 0, 0, &runInfo};
+          {jsonOption()},
+          0,
+          0,
+          &runInfo};
 }
 
 }  // namespace zeltool

@@ -105,7 +105,8 @@ std::string CTable::format() const {
   std::vector<size_t> widths(m_headers.size());
   for (size_t column = 0; column < m_headers.size(); ++column) {
     widths[column] = displayWidth(m_headers[column]);
-    for (const auto& row : m_rows) widths[column] = std::max(widths[column], displayWidth(row[column]));
+    for (const auto& row : m_rows)
+      widths[column] = std::max(widths[column], displayWidth(row[column]));
   }
   auto line = [&](const std::vector<std::string>& cells) {
     std::string text;
@@ -129,20 +130,20 @@ std::string CTable::format() const {
 std::string CJsonWriter::quote(const zel::String& text) {
   std::wstring escaped = L"\"";
   for (wchar_t c : text.toStdWString()) {
-    switch (c) {
-      case L'"': escaped += L"\\\""; break;
-      case L'\\': escaped += L"\\\\"; break;
-      case L'\n': escaped += L"\\n"; break;
-      case L'\r': escaped += L"\\r"; break;
-      case L'\t': escaped += L"\\t"; break;
-      default:
-        if (c < 0x20 || c == 0x7F) {
-          wchar_t code[8];
-          std::swprintf(code, 8, L"\\u%04x", static_cast<unsigned>(c));
-          escaped += code;
-        } else {
-          escaped += c;
-        }
+    const wchar_t* named = c == L'"'    ? L"\\\""
+                           : c == L'\\' ? L"\\\\"
+                           : c == L'\n' ? L"\\n"
+                           : c == L'\r' ? L"\\r"
+                           : c == L'\t' ? L"\\t"
+                                        : nullptr;
+    if (named) {
+      escaped += named;
+    } else if (c < 0x20 || c == 0x7F) {
+      wchar_t code[8];
+      std::swprintf(code, 8, L"\\u%04x", static_cast<unsigned>(c));
+      escaped += code;
+    } else {
+      escaped += c;
     }
   }
   escaped += L"\"";
@@ -243,7 +244,8 @@ std::string formatDuration(double seconds) {
   const long long total = static_cast<long long>(seconds + 0.5);
   char text[32];
   if (total >= 3600) {
-    std::snprintf(text, sizeof(text), "%lld:%02lld:%02lld", total / 3600, total / 60 % 60, total % 60);
+    std::snprintf(text, sizeof(text), "%lld:%02lld:%02lld", total / 3600, total / 60 % 60,
+                  total % 60);
   } else {
     std::snprintf(text, sizeof(text), "%lld:%02lld", total / 60, total % 60);
   }
@@ -279,7 +281,8 @@ void CProgress::finish() {
 
 void CProgress::draw(zel::int64 done, bool final) {
   const double seconds = std::chrono::duration<double>(Clock::now() - m_start).count();
-  const zel::int64 rate = seconds > 0 ? static_cast<zel::int64>(static_cast<double>(done) / seconds) : 0;
+  const zel::int64 rate =
+      seconds > 0 ? static_cast<zel::int64>(static_cast<double>(done) / seconds) : 0;
   std::string line = formatSize(done, false);
   if (m_total >= 0) {
     const int percent = m_total > 0 ? static_cast<int>(done * 100 / m_total) : 100;

@@ -80,6 +80,12 @@ class CJsonWriter {
   // A count of bytes; null for an unknown (negative) count.
   CJsonWriter& bytes(zel::int64 count);
   CJsonWriter& null();
+  // key(name) followed by the value.
+  template <class Value>
+  CJsonWriter& field(const char* name, const Value& value) {
+    return key(name).value(value);
+  }
+  CJsonWriter& bytesField(const char* name, zel::int64 count) { return key(name).bytes(count); }
   // The text written so far, with a final line break once complete.
   std::string getText() const;
 

@@ -1,5 +1,3 @@
-#include "platform.h"
-
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
@@ -8,16 +6,16 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
-
 #include <wx/filename.h>
 
 #include <atomic>
-#include <chrono>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <thread>
 
 #include "paths.h"
+#include "platform.h"
 #include "zel/core/error.h"
 
 namespace zeltool {
@@ -91,11 +89,16 @@ CInterruptWatch::~CInterruptWatch() {
 
 const char* getInterruptName() {
   switch (getInterruptCode()) {
-    case 0: return "";
-    case SIGINT: return "SIGINT";
-    case SIGTERM: return "SIGTERM";
-    case SIGHUP: return "SIGHUP";
-    default: return "a signal";
+    case 0:
+      return "";
+    case SIGINT:
+      return "SIGINT";
+    case SIGTERM:
+      return "SIGTERM";
+    case SIGHUP:
+      return "SIGHUP";
+    default:
+      return "a signal";
   }
 }
 
@@ -121,7 +124,8 @@ CLocalReader::CLocalReader(const zel::String& path) {
   }
   if (S_ISDIR(st.st_mode)) {
     if (m_owned) ::close(m_fd);
-    throw zel::CFileSystemError(zel::CFileSystemError::ProblemWrongType, zel::CError("Is a folder"));
+    throw zel::CFileSystemError(zel::CFileSystemError::ProblemWrongType,
+                                zel::CError("Is a folder"));
   }
   if (S_ISREG(st.st_mode)) m_size = st.st_size;
 }
@@ -146,8 +150,8 @@ CLocalWriter::CLocalWriter(const zel::String& path) : m_target(path) {
   }
   const wxFileName target(path.getWxString());
   m_temporary = joinLocalPath(target.GetPath(), temporaryNameFor(target.GetFullName()));
-  m_fd = ::open(m_temporary.toFileSystemEncoding().data(),
-                O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  m_fd = ::open(m_temporary.toFileSystemEncoding().data(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
+                0666);
   if (m_fd < 0) {
     const int code = errno;
     m_temporary = zel::String();

@@ -4,10 +4,8 @@
 #ifndef NOMINMAX
 #define NOMINMAX
 #endif
-#include <windows.h>
-
 #include <io.h>
-
+#include <windows.h>
 #include <wx/filename.h>
 
 #include <cstdlib>
@@ -38,11 +36,16 @@ CInterruptWatch::~CInterruptWatch() { SetConsoleCtrlHandler(onControlEvent, FALS
 
 const char* getInterruptName() {
   switch (getInterruptCode()) {
-    case 0: return "";
-    case CTRL_C_EVENT + 1: return "Ctrl+C";
-    case CTRL_BREAK_EVENT + 1: return "Ctrl+Break";
-    case CTRL_CLOSE_EVENT + 1: return "closing the console";
-    default: return "the system";
+    case 0:
+      return "";
+    case CTRL_C_EVENT + 1:
+      return "Ctrl+C";
+    case CTRL_BREAK_EVENT + 1:
+      return "Ctrl+Break";
+    case CTRL_CLOSE_EVENT + 1:
+      return "closing the console";
+    default:
+      return "the system";
   }
 }
 
@@ -60,7 +63,8 @@ CLocalReader::CLocalReader(const zel::String& path) {
   } else {
     const DWORD attributes = GetFileAttributesW(wide(path).c_str());
     if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY)) {
-      throw zel::CFileSystemError(zel::CFileSystemError::ProblemWrongType, zel::CError("Is a folder"));
+      throw zel::CFileSystemError(zel::CFileSystemError::ProblemWrongType,
+                                  zel::CError("Is a folder"));
     }
     handle = CreateFileW(wide(path).c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
                          nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);

@@ -14,12 +14,11 @@
 #endif
 #include <windows.h>
 #else
+#include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <fcntl.h>
 
 #include <cerrno>
 #include <climits>
@@ -113,7 +112,6 @@ int CChildProcess::wait(int timeoutMs) {
 
 void CChildProcess::kill() { TerminateProcess(m_impl->process.hProcess, 137); }
 
-
 #else
 
 struct CChildProcess::Impl {
@@ -192,7 +190,6 @@ int CChildProcess::wait(int timeoutMs) {
 void CChildProcess::kill() {
   if (!m_impl->reaped) ::kill(m_impl->pid, SIGKILL);
 }
-
 
 #endif
 

@@ -72,15 +72,16 @@ void announce(const CCommandContext& context, const std::vector<Share>& shares,
   if (context.out.json) {
     CJsonWriter json;
     json.beginObject()
-        .key("address").value(address.getName())
-        .key("global").value(address.getGlobal())
-        .key("endpoint").value(endpoint)
-        .key("shares").beginArray();
+        .field("address", address.getName())
+        .field("global", address.getGlobal())
+        .field("endpoint", endpoint)
+        .key("shares")
+        .beginArray();
     for (const Share& share : shares) {
       json.beginObject()
-          .key("name").value(share.name)
-          .key("folder").value(share.folder)
-          .key("uri").value(zel::String(kShareScheme) + "://" + share.name + "/")
+          .field("name", share.name)
+          .field("folder", share.folder)
+          .field("uri", zel::String(kShareScheme) + "://" + share.name + "/")
           .endObject();
     }
     json.endArray().endObject();
@@ -116,15 +117,15 @@ int runServe(CCommandContext& context) {
   if (global && isPrivilegedUser() && !args.has(kRootOption)) {
     throw CUsageError(
         "--global as root would let every local user act as root on the shared folders; "
-        "add --" + zel::String(kRootOption) + " if that is what you want");
+        "add --" +
+        zel::String(kRootOption) + " if that is what you want");
   }
   const zel::CIPCAddress address = makeAddress(args, global);
 
   zel::P<zel::CFileSystem> local = zel::createObject<zel::CFileSystem>();
   for (Share& share : shares) {
-    share.root = onSubject(share.folder, [&] {
-      return zel::CURI::fromNativePath(zel::CNativePath(share.folder));
-    });
+    share.root = onSubject(
+        share.folder, [&] { return zel::CURI::fromNativePath(zel::CNativePath(share.folder)); });
     const bool isFolder = onSubject(share.folder, [&] { return local->folderExists(share.root); });
     if (!isFolder) throw CFailure(share.folder, "not a folder");
   }
@@ -151,10 +152,11 @@ int runServe(CCommandContext& context) {
   announce(context, shares, address);
   waitForStop(args.has("until-stdin-closes"));
   const int sessions = service->getConnectionCount();
-  printNotice(context.out, context.program + ": stopping" +
-                               (isInterrupted() ? std::string(" (") + getInterruptName() + ")" : "") +
-                               "; closing " + std::to_string(sessions) + " client session" +
-                               (sessions == 1 ? "" : "s"));
+  printNotice(context.out,
+              context.program + ": stopping" +
+                  (isInterrupted() ? std::string(" (") + getInterruptName() + ")" : "") +
+                  "; closing " + std::to_string(sessions) + " client session" +
+                  (sessions == 1 ? "" : "s"));
   service->stop();
   return ExitSuccess;
 }
@@ -162,20 +164,24 @@ int runServe(CCommandContext& context) {
 }  // namespace
 
 CommandSpec serveCommand() {
-  CommandSpec spec{"serve", "--share NAME=FOLDER [--share NAME=FOLDER ...]",
-          "share folders with other processes until stopped",
-          "Each FOLDER (relative to the current folder, or absolute) is reached by clients\n"
-          "as zel://NAME/... or /NAME/... for short. The server runs until Ctrl+C or\n"
-          "SIGTERM, then closes its client sessions and removes its socket.\n"
-          "With --global every user of the machine can reach the shares and act on them\n"
-          "with this server's rights; as root that needs --all-users-may-act-as-root.\n",
-          {{"share", 's', "NAME=FOLDER", "share FOLDER as NAME (repeatable)"},
-           {"address", 'a', "NAME", "listen at this address name (default: fs)"},
-           {"global", 0, nullptr, "an address every user of the machine can reach"},
-           {kRootOption, 0, nullptr, "with --global as root: yes, every user may act as root"},
-           {"until-stdin-closes", 0, nullptr, "also stop when standard input ends"},
-           jsonOption()},
-          0, 0, &runServe};
+  CommandSpec spec{
+      "serve",
+      "--share NAME=FOLDER [--share NAME=FOLDER ...]",
+      "share folders with other processes until stopped",
+      "Each FOLDER (relative to the current folder, or absolute) is reached by clients\n"
+      "as zel://NAME/... or /NAME/... for short. The server runs until Ctrl+C or\n"
+      "SIGTERM, then closes its client sessions and removes its socket.\n"
+      "With --global every user of the machine can reach the shares and act on them\n"
+      "with this server's rights; as root that needs --all-users-may-act-as-root.\n",
+      {{"share", 's', "NAME=FOLDER", "share FOLDER as NAME (repeatable)"},
+       {"address", 'a', "NAME", "listen at this address name (default: fs)"},
+       {"global", 0, nullptr, "an address every user of the machine can reach"},
+       {kRootOption, 0, nullptr, "with --global as root: yes, every user may act as root"},
+       {"until-stdin-closes", 0, nullptr, "also stop when standard input ends"},
+       jsonOption()},
+      0,
+      0,
+      &runServe};
   spec.showsLibraryNotices = true;
   return spec;
 }

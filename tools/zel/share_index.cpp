@@ -20,8 +20,9 @@ const char kVolumeFolder[] = ".volume";
 [[noreturn]] void notFound(const zel::CURI& uri) {
   zel::CProps params;
   params.set(zel::CIOError::paramURI(), uri.toString(true));
-  throw zel::CFileSystemError(zel::CFileSystemError::ProblemNotFound,
-                              zel::CError("The file or folder does not exist.", zel::String(), -1, params));
+  throw zel::CFileSystemError(
+      zel::CFileSystemError::ProblemNotFound,
+      zel::CError("The file or folder does not exist.", zel::String(), -1, params));
 }
 
 }  // namespace
@@ -29,9 +30,7 @@ const char kVolumeFolder[] = ".volume";
 class CShareIndexFileSystem::CIterator : public zel::CBase, public zel::IFolderContentsIterator {
  public:
   CIterator(CShareIndexFileSystem& index) : m_index(&index) {}
-  bool nextItem() override {
-    return ++m_at < static_cast<int>(m_index->m_shares.size());
-  }
+  bool nextItem() override { return ++m_at < static_cast<int>(m_index->m_shares.size()); }
   zel::String getItemName() override { return current().name; }
   zel::P<zel::IFileInfoBase> getItemInfo() override { return m_index->folderInfo(&current()); }
 
@@ -124,9 +123,12 @@ zel::P<zel::IBackgroundOp> CShareIndexFileSystem::backgroundDeleteFile(const zel
 zel::P<zel::IFileInfoBase> CShareIndexFileSystem::getFileInfo(const zel::CURI& uri, bool) {
   const Share* share = nullptr;
   switch (find(uri, &share)) {
-    case Kind::List: return folderInfo(nullptr);
-    case Kind::Share: return folderInfo(share);
-    default: notFound(uri);
+    case Kind::List:
+      return folderInfo(nullptr);
+    case Kind::Share:
+      return folderInfo(share);
+    default:
+      notFound(uri);
   }
 }
 
@@ -140,7 +142,8 @@ zel::int64 CShareIndexFileSystem::getFileSectorSize(const zel::CURI& uri) {
   return 512;
 }
 
-zel::P<zel::IFolderContentsIterator> CShareIndexFileSystem::getFolderContents(const zel::CURI& uri) {
+zel::P<zel::IFolderContentsIterator> CShareIndexFileSystem::getFolderContents(
+    const zel::CURI& uri) {
   const Share* share = nullptr;
   if (find(uri, &share) != Kind::List) notFound(uri);
   return zel::createObject<CIterator>(*this);
@@ -161,10 +164,9 @@ zel::P<zel::IIOStream> CShareIndexFileSystem::createStream(const zel::CURI& uri,
   return zel::createObject<zel::CBufferStream>(text.data(), text.size(), true);
 }
 
-zel::P<zel::IIOStream> CShareIndexFileSystem::createSubDataStream(const zel::CURI&,
-                                                                  const zel::String&,
-                                                                  zel::IIOStream::Access,
-                                                                  zel::TFlags<zel::IIOStream::Flags>) {
+zel::P<zel::IIOStream> CShareIndexFileSystem::createSubDataStream(
+    const zel::CURI&, const zel::String&, zel::IIOStream::Access,
+    zel::TFlags<zel::IIOStream::Flags>) {
   refuse();
 }
 
@@ -250,7 +252,8 @@ std::optional<VolumeSpace> readVolumeSpace(zel::IFileSystem& fs, const zel::Stri
         fs.createStream(uri, zel::IIOStream::AccessRead, zel::TFlags<zel::IIOStream::Flags>());
     char buffer[1024];
     const int got = in->readLax(buffer, sizeof(buffer));
-    const zel::CProps props = zel::CProps::fromString(zel::String::fromUTF8(buffer, got > 0 ? got : 0));
+    const zel::CProps props =
+        zel::CProps::fromString(zel::String::fromUTF8(buffer, got > 0 ? got : 0));
     VolumeSpace space;
     space.total = props.getInt64("total", -1);
     space.free = props.getInt64("free", -1);

@@ -14,15 +14,16 @@ zel::String logFolder(const char* command) {
   return state + separator + "zel" + separator + command;
 }
 
-CToolLog::CToolLog(const std::string& program, const COutput& out, bool showNotices,
-                   bool keepFile, const char* command)
+CToolLog::CToolLog(const std::string& program, const COutput& out, bool showNotices, bool keepFile,
+                   const char* command)
     : m_program(program), m_out(out), m_showNotices(showNotices) {
   const zel::P<zel::CXMLLog>& log = zel::CXMLLog::getGlobal();
   log->addListener(this);
   if (!keepFile) return;
   const zel::String folder = logFolder(command);
   if (folder.isEmpty() || !wxFileName::Mkdir(folder.getWxString(), 0700, wxPATH_MKDIR_FULL)) {
-    if (out.verbose) std::fprintf(stderr, "%s: keeping no log file: no folder for it\n", program.c_str());
+    if (out.verbose)
+      std::fprintf(stderr, "%s: keeping no log file: no folder for it\n", program.c_str());
     return;
   }
   log->setLogFolder(folder);
@@ -36,7 +37,8 @@ void CToolLog::onLogEntry(const zel::CLogEntry& entry) {
   const bool notable = entry.level == zel::LogLevel::Warning || entry.level == zel::LogLevel::Error;
   const bool show = m_out.verbose ? entry.level != zel::LogLevel::Debug : notable && m_showNotices;
   if (!show) return;
-  std::string line = m_program + ": " + zel::logLevelName(entry.level) + ": " + toDisplay(entry.text);
+  std::string line =
+      m_program + ": " + zel::logLevelName(entry.level) + ": " + toDisplay(entry.text);
   if (!entry.errorDesc.isEmpty()) line += ": " + toDisplay(entry.errorDesc);
   std::fprintf(stderr, "%s\n", line.c_str());
 }
