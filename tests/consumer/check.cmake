@@ -1,6 +1,7 @@
 # Installs a zel build into a scratch prefix, then builds and runs the
 # consumer project against it (and, on Linux, compiles it once more with the
-# flags from pkg-config).
+# flags from pkg-config), and runs the installed `zel info` from the prefix
+# moved elsewhere.
 #   cmake -DBUILD_DIR=... -DSOURCE_DIR=... -DWORK_DIR=... -DLIBDIR=lib [-DTOOLCHAIN=...]
 #         [-DEMULATOR=...] [-DCXX_FLAGS=...] [-DLINKER_FLAGS=...] -P check.cmake
 foreach(var BUILD_DIR SOURCE_DIR WORK_DIR LIBDIR)
@@ -52,8 +53,21 @@ if(NOT TOOLCHAIN)
   endif()
   separate_arguments(flags UNIX_COMMAND "${flags}")
   separate_arguments(extra UNIX_COMMAND "${CXX_FLAGS} ${LINKER_FLAGS}")
-  run(c++ -std=c++20 ${extra} ${SOURCE_DIR}/main.cpp -o ${WORK_DIR}/pkgconfig_consumer ${flags}
+  # No -std here: the .pc file's flags carry the standard the headers need.
+  run(c++ ${extra} ${SOURCE_DIR}/main.cpp -o ${WORK_DIR}/pkgconfig_consumer ${flags}
       -Wl,-rpath,${prefix}/${LIBDIR})
   run(${WORK_DIR}/pkgconfig_consumer)
+endif()
+
+# The installed tool finds its library relative to itself: it runs from the
+# prefix even after the prefix has been moved.
+set(moved ${WORK_DIR}/moved-prefix)
+file(RENAME ${prefix} ${moved})
+if(EMULATOR AND EXISTS ${moved}/bin/zel.exe)
+  run(${EMULATOR} ${moved}/bin/zel.exe info)
+elseif(EXISTS ${moved}/bin/zel)
+  run(${moved}/bin/zel info)
+else()
+  message(STATUS "no tool installed (a lane without ZEL_BUILD_TOOLS)")
 endif()
 message(STATUS "consumer check passed")

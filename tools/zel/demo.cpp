@@ -8,10 +8,9 @@
 #include <cstring>
 #include <functional>
 
+#include "commands.h"
 #include "process.h"
-#include "tool.h"
 #include "zel/core/error.h"
-#include "zel/init/zel_init.h"
 #include "zel/fs/local_file_system.h"
 #include "zel/fs/proxy/proxy_file_system.h"
 #include "zel/ipc/pipe.h"
@@ -62,9 +61,9 @@ void session(zel::IFileSystem& fs, CStepper& steps) {
     return zel::String();
   });
   steps.step("write " + report.toString(false), [&] {
-    zel::P<zel::IIOStream> out = fs.createStream(
-        report, zel::IIOStream::AccessReadWrite,
-        {zel::IIOStream::FlagAlwaysCreateIfNotExist, zel::IIOStream::FlagTruncate});
+    zel::P<zel::IIOStream> out =
+        fs.createStream(report, zel::IIOStream::AccessReadWrite,
+                        {zel::IIOStream::FlagAlwaysCreateIfNotExist, zel::IIOStream::FlagTruncate});
     out->write(data->getData(), static_cast<int>(data->getSize()));
     out->close();
     return zel::String::fromInt64(static_cast<zel::int64>(reportSize)) + " bytes";
@@ -91,9 +90,8 @@ void session(zel::IFileSystem& fs, CStepper& steps) {
   steps.step("background store " + notes.toString(false), [&] {
     zel::P<zel::TBuffer<unsigned char>> noteBytes = patternBytes(1 << 20, 2);
     zel::P<zel::CBufferStream> source = zel::createObject<zel::CBufferStream>(noteBytes, true);
-    zel::P<zel::IBackgroundOp> op =
-        fs.backgroundStore(notes, static_cast<zel::int64>(noteBytes->getSize()), source.get(),
-                           false, nullptr);
+    zel::P<zel::IBackgroundOp> op = fs.backgroundStore(
+        notes, static_cast<zel::int64>(noteBytes->getSize()), source.get(), false, nullptr);
     op->waitFinished(-1);
     op->throwErrorIfFailed();
     return zel::String::fromInt64(fs.getFileInfo(notes, false)->getSize()) + " bytes stored";
@@ -113,37 +111,29 @@ void session(zel::IFileSystem& fs, CStepper& steps) {
   });
 }
 
-}  // namespace
-
-int demo(const Args& args) {
-  if (!args.empty()) {
-    std::fprintf(stderr, "usage: zel demo\n");
-    return 2;
-  }
-  zel::CZelInit init;
-  zel::CXMLLog::getGlobal()->setFileEnabled(false);
-  CStderrLog log;
+int runDemo(CCommandContext& context) {
   CStepper steps;
   int status = 0;
-  const zel::String addressName = "demo-" + zel::String::fromInt64(static_cast<zel::int64>(
-                                                std::chrono::system_clock::now()
-                                                    .time_since_epoch()
-                                                    .count() %
-                                                1000000007));
+  const zel::String addressName =
+      "demo-" + zel::String::fromInt64(static_cast<zel::int64>(
+                    std::chrono::system_clock::now().time_since_epoch().count() % 1000000007));
   const wxString shareFolder = wxFileName::CreateTempFileName("zel-demo-");
   try {
     // CreateTempFileName made a file to reserve the name; the share is a
     // folder of that name.
     wxRemoveFile(shareFolder);
-    if (!wxFileName::Mkdir(shareFolder, 0700)) throw zel::CError("Cannot create a temporary folder");
+    if (!wxFileName::Mkdir(shareFolder, 0700))
+      throw zel::CError("Cannot create a temporary folder");
     std::printf("share folder: %s\n", zel::String(shareFolder).toCPSafe().data());
 
     std::unique_ptr<CChildProcess> server;
     const zel::CIPCAddress address(kAppID, addressName, false);
     steps.step("start the server process", [&] {
-      server = std::make_unique<CChildProcess>(
-          Args{"serve", "--share", "demo=" + zel::String(shareFolder), "--address", addressName,
-               "--until-stdin-closes"});
+      Args serveArgs{"serve",     "--share",   "demo=" + zel::String(shareFolder),
+                     "--address", addressName, "--until-stdin-closes",
+                     "--quiet"};
+      if (context.args.has("no-log")) serveArgs.push_back("--no-log");
+      server = std::make_unique<CChildProcess>(serveArgs);
       return "pid " + zel::String::fromInt64(server->getPID());
     });
     zel::P<zel::CProxyFileSystem> fs;
@@ -163,13 +153,29 @@ int demo(const Args& args) {
       return zel::String("exit code 0");
     });
   } catch (const zel::CError& e) {
-    std::fprintf(stderr, "zel demo: %s\n", zel::String(e.what()).toCPSafe().data());
-    status = 1;
+    reportError(context.program, context.out, e);
+    status = ExitFailure;
   }
   wxFileName::Rmdir(shareFolder, wxPATH_RMDIR_RECURSIVE);
   std::printf(status == 0 ? "demo finished\n" : "demo FAILED\n");
-  zel::CZelInit::onApplicationExit();
   return status;
+}
+
+}  // namespace
+
+CommandSpec demoCommand() {
+  CommandSpec spec{"demo",
+                   "",
+                   "a server process and a client session against it, step by step",
+                   "Starts `zel serve` on a temporary folder as a second process, then creates a\n"
+                   "folder, writes 8 MiB, lists, reads back and compares, stores in the\n"
+                   "background, moves and deletes through it, printing each step and its time.\n",
+                   {},
+                   0,
+                   0,
+                   &runDemo};
+  spec.showsLibraryNotices = true;
+  return spec;
 }
 
 }  // namespace zeltool

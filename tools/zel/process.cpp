@@ -14,12 +14,11 @@
 #endif
 #include <windows.h>
 #else
+#include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <fcntl.h>
 
 #include <cerrno>
 #include <climits>
@@ -113,14 +112,6 @@ int CChildProcess::wait(int timeoutMs) {
 
 void CChildProcess::kill() { TerminateProcess(m_impl->process.hProcess, 137); }
 
-void waitForStdinEnd() {
-  HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
-  char buffer[256];
-  DWORD got = 0;
-  while (ReadFile(input, buffer, sizeof(buffer), &got, nullptr) && got > 0) {
-  }
-}
-
 #else
 
 struct CChildProcess::Impl {
@@ -145,7 +136,16 @@ CChildProcess::CChildProcess(const std::vector<zel::String>& args) : m_impl(new 
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, fds[0], 0);
-  const int error = posix_spawn(&m_impl->pid, self, &actions, nullptr, argv.data(), environ);
+  // This process blocks the interrupting signals (CInterruptWatch); the
+  // child starts with none blocked and sets up its own watch.
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t none;
+  sigemptyset(&none);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+  const int error = posix_spawn(&m_impl->pid, self, &actions, &attributes, argv.data(), environ);
+  posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
   close(fds[0]);
   m_impl->input = fds[1];
@@ -189,14 +189,6 @@ int CChildProcess::wait(int timeoutMs) {
 
 void CChildProcess::kill() {
   if (!m_impl->reaped) ::kill(m_impl->pid, SIGKILL);
-}
-
-void waitForStdinEnd() {
-  char buffer[256];
-  for (;;) {
-    const ssize_t got = read(0, buffer, sizeof(buffer));
-    if (got == 0 || (got < 0 && errno != EINTR)) return;
-  }
 }
 
 #endif

@@ -31,7 +31,4 @@ class CChildProcess {
   std::unique_ptr<Impl> m_impl;
 };
 
-// Blocks until standard input ends (EOF or error).
-void waitForStdinEnd();
-
 }  // namespace zeltool

@@ -1,22 +1,63 @@
 #include "tool.h"
 
+#include <wx/filename.h>
+
+#include "platform.h"
 #include "zel/core/error.h"
 
 namespace zeltool {
 
-CStderrLog::CStderrLog() { zel::CXMLLog::getGlobal()->addListener(this); }
+zel::String logFolder(const char* command) {
+  const zel::String state = getUserStateFolder();
+  if (state.isEmpty()) return zel::String();
+  const zel::String separator(wxString(wxFileName::GetPathSeparator()));
+  return state + separator + "zel" + separator + command;
+}
 
-CStderrLog::~CStderrLog() { zel::CXMLLog::getGlobal()->removeListener(this); }
+CToolLog::CToolLog(const std::string& program, const COutput& out, bool showNotices, bool keepFile,
+                   const char* command)
+    : m_program(program), m_out(out), m_showNotices(showNotices) {
+  const zel::P<zel::CXMLLog>& log = zel::CXMLLog::getGlobal();
+  log->addListener(this);
+  if (!keepFile) return;
+  const zel::String folder = logFolder(command);
+  if (folder.isEmpty() || !wxFileName::Mkdir(folder.getWxString(), 0700, wxPATH_MKDIR_FULL)) {
+    if (out.verbose)
+      std::fprintf(stderr, "%s: keeping no log file: no folder for it\n", program.c_str());
+    return;
+  }
+  log->setLogFolder(folder);
+  log->setFileEnabled(true);
+}
 
-void CStderrLog::onLogEntry(const zel::CLogEntry& entry) {
-  if (entry.level != zel::LogLevel::Warning && entry.level != zel::LogLevel::Error) return;
-  std::fprintf(stderr, "zel: %s: %s%s%s\n", zel::logLevelName(entry.level),
-               entry.text.toCPSafe().data(), entry.errorDesc.isEmpty() ? "" : ": ",
-               entry.errorDesc.toCPSafe().data());
+CToolLog::~CToolLog() { zel::CXMLLog::getGlobal()->removeListener(this); }
+
+void CToolLog::onLogEntry(const zel::CLogEntry& entry) {
+  if (m_out.quiet) return;
+  const bool notable = entry.level == zel::LogLevel::Warning || entry.level == zel::LogLevel::Error;
+  const bool show = m_out.verbose ? entry.level != zel::LogLevel::Debug : notable && m_showNotices;
+  if (!show) return;
+  std::string line =
+      m_program + ": " + zel::logLevelName(entry.level) + ": " + toDisplay(entry.text);
+  if (!entry.errorDesc.isEmpty()) line += ": " + toDisplay(entry.errorDesc);
+  std::fprintf(stderr, "%s\n", line.c_str());
+}
+
+zel::CIPCAddress makeAddress(const CParsedArgs& args, bool global) {
+  const zel::String name =
+      args.has("address") ? args.getValue("address") : zel::String(kDefaultAddressName);
+  try {
+    const zel::CIPCAddress address(kAppID, name, global);
+    // Linux checks the name's parts when the socket path is made.
+    describeEndpoint(address);
+    return address;
+  } catch (const zel::CError& e) {
+    throw CUsageError("--address '" + name + "': " + e.getMessage());
+  }
 }
 
 void printLine(const char* label, const zel::String& value) {
-  std::printf("%-18s %s\n", label, value.toCPSafe().data());
+  std::printf("%-18s %s\n", label, toDisplay(value).c_str());
 }
 
 zel::String describeEndpoint(const zel::CIPCAddress& address) {
@@ -25,13 +66,6 @@ zel::String describeEndpoint(const zel::CIPCAddress& address) {
 #else
   return address.getUnixSocketPath(false);
 #endif
-}
-
-zel::CURI toClientURI(const zel::String& text) {
-  zel::CURI uri(text.safeAt(0) == L'/' ? zel::String(kShareScheme) + ":/" + text : text);
-  // "zel://NAME" names the share's root folder, as "zel://NAME/" does.
-  if (uri.getPath().isEmpty() && uri.hasAuthority()) uri = zel::CURI(uri.toString(true) + "/");
-  return uri;
 }
 
 }  // namespace zeltool

@@ -1,20 +1,22 @@
 // CXMLLog: the process-wide structured log.
 //
-// Every entry becomes one <entry> element (time, level, thread, text and, for
-// failures, the error description) appended to "log.xml" in the log folder.
-// The file stays well-formed after each entry: the closing </log> tag is
-// rewritten behind every new entry, so a crash never leaves a broken file.
-// Texts are written as UTF-8. An escaped byte (U+DC80..U+DCFF: a byte of a
-// file name that is not UTF-8, see zel/core/utf8.h) appears as the four
-// characters "\xE9", and a character XML cannot carry (most control
+// Listeners (CLogCapture in tests, a program's own console output) see
+// every entry, with the texts unchanged. The file is the application's
+// choice: nothing is written until it calls setFileEnabled(true), usually
+// after setLogFolder() has named a folder that belongs to it (the folder
+// defaults to the current one). Then every entry becomes one <entry> element
+// (time, level, thread, text and, for failures, the error description)
+// appended to "log.xml" in the log folder. The file stays well-formed after
+// each entry: the closing </log> tag is rewritten behind every new entry, so
+// a crash never leaves a broken file. It is opened on the first entry after
+// it was enabled. Texts are written as UTF-8. An escaped byte (U+DC80..U+DCFF:
+// a byte of a file name that is not UTF-8, see zel/core/utf8.h) appears as
+// the four characters "\xE9", and a character XML cannot carry (most control
 // characters, other lone surrogates) as U+FFFD, so that the file never holds
-// bytes that are not UTF-8. Listeners get the texts unchanged.
-// The log folder defaults to the current folder; the file is opened on the
-// first entry. Logging never throws and keeps the caller's last system
-// error.
+// bytes that are not UTF-8. Logging never throws and keeps the caller's last
+// system error.
 //
-// Listeners (CLogCapture in tests) see every entry, whether or not a file is
-// written. All members are thread-safe.
+// All members are thread-safe.
 #pragma once
 
 #include <vector>
@@ -58,7 +60,7 @@ class ZEL_API CXMLLog : public CBase {
   void setLogFolder(const String& folder);
   String getLogFilePath() const;
   // Whether entries are written to the file at all (they always reach the
-  // listeners).
+  // listeners). Off until the application turns it on.
   void setFileEnabled(bool enabled);
 
   void write(LogLevel level, const String& text, const CError* error = nullptr);
@@ -81,7 +83,7 @@ class ZEL_API CXMLLog : public CBase {
 
   mutable CMutex m_mutex;
   String m_folder;
-  bool m_fileEnabled = true;
+  bool m_fileEnabled = false;
   class CFile;
   CFile* m_file = nullptr;
   std::vector<ILogListener*> m_listeners;

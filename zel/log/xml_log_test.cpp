@@ -5,6 +5,7 @@
 #include <thread>
 
 #include <wx/ffile.h>
+#include <wx/filefn.h>
 
 #include "temp_folder.h"
 #include "zel/core/error.h"
@@ -51,6 +52,22 @@ TEST(XMLLogTest, CaptureSeesEntriesWithLevelThreadAndError) {
   EXPECT_NE(entries[2].threadID, entries[0].threadID);
   EXPECT_TRUE(capture.contains(LogLevel::Warning, "a thread"));
   EXPECT_FALSE(capture.contains(LogLevel::Error, "a thread"));
+}
+
+TEST(XMLLogTest, AFileIsWrittenOnlyOnceTheApplicationAsksForIt) {
+  test::CTempFolder folder;
+  P<CXMLLog> log = createObject<CXMLLog>();
+  log->setLogFolder(folder.getPath());
+  log->write(LogLevel::Error, "not for a file");
+  log->dispose();
+  EXPECT_FALSE(wxFileExists(folder.file("log.xml").getWxString()));
+
+  log->setFileEnabled(true);
+  log->write(LogLevel::Info, "now for the file");
+  log->dispose();
+  const std::string text = test::readFileBytes(folder.file("log.xml"));
+  EXPECT_NE(text.find("<text>now for the file</text>"), std::string::npos);
+  EXPECT_EQ(text.find("not for a file"), std::string::npos);
 }
 
 TEST(XMLLogTest, LoggingKeepsTheLastSystemError) {
