@@ -241,6 +241,60 @@ TEST(PipeTest, CloseFromAnotherThreadWakesABlockedRead) {
   pair.clientEnd->close();
 }
 
+TEST(PipeTest, CloseFromAnotherThreadWakesABlockedWrite) {
+  CConnectedPair pair = connectPair();
+  ASSERT_TRUE(pair.serverEnd && pair.clientEnd);
+  // Far more than any system buffers while nobody reads: the write blocks.
+  const std::vector<unsigned char> big(16 * 1024 * 1024, 'w');
+  std::atomic<bool> ended{false};
+  std::string outcome;
+  std::thread writer([&] {
+    try {
+      pair.clientEnd->getOutStream()->write(big.data(), static_cast<int>(big.size()));
+      outcome = "wrote everything";
+    } catch (const CIOError& error) {
+      outcome = error.getErrorCode() == CIOError::WriteFailed ? "write failed" : "other error";
+    }
+    ended = true;
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_FALSE(ended);
+  const auto start = Clock::now();
+  pair.clientEnd->close();
+  writer.join();
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
+  EXPECT_EQ(outcome, "write failed");
+  // What the other end gets is a prefix of the data, then the end.
+  std::vector<unsigned char> received(big.size());
+  const int got = pair.serverEnd->getInStream()->readLax(received.data(),
+                                                          static_cast<int>(received.size()));
+  EXPECT_LT(got, static_cast<int>(big.size()));
+  EXPECT_TRUE(std::all_of(received.begin(), received.begin() + got,
+                          [](unsigned char byte) { return byte == 'w'; }));
+}
+
+TEST(PipeTest, PendingAcceptsDiscardedOverAndOverLeaveTheServerWorking) {
+  // Each begin replaces a waiting instance whose connect is still pending;
+  // each abort ends one. The next client must still get through.
+  CPipeServer server(uniqueAddress());
+  for (int i = 0; i < 20; ++i) {
+    server.beginAcceptConnection();
+    if (i % 2 == 1) {
+      EXPECT_FALSE(server.tryAcceptConnection(0));
+      server.abortAcceptConnection();
+      EXPECT_FALSE(server.tryAcceptConnection(0));
+    }
+  }
+  server.beginAcceptConnection();
+  P<IConnection> client;
+  std::thread connector([&] { client = connectOrNull(server.getAddress(), 10000); });
+  P<IConnection> serverEnd = server.tryAcceptConnection(10000);
+  connector.join();
+  ASSERT_TRUE(serverEnd && client);
+  writeText(serverEnd, "still");
+  EXPECT_EQ(readText(client, 5), "still");
+}
+
 TEST(PipeTest, NoServer) {
   const CIPCAddress address = uniqueAddress();
   const auto start = Clock::now();
