@@ -14,6 +14,27 @@ else()
   set(ZEL_GTEST_LIBS GTest::gtest GTest::gmock)
 endif()
 
+# Time-outs, innermost first: a test case that runs longer than 60 s ends its
+# executable with a message naming it (the watchdog of
+# tests/support/test_main.cpp, ZEL_TEST_CASE_TIMEOUT); under Wine, wine-run
+# ends the program and the Windows processes it started 30 s before the
+# entry's TIMEOUT (ZEL_WINE_TIMEOUT); ctest's TIMEOUT is the backstop.
+set(ZEL_TEST_TIMEOUT 300 CACHE STRING "Default ctest TIMEOUT of a test entry, in seconds")
+set(ZEL_WINE_TIMEOUT_MARGIN 30)
+
+# Sets the TIMEOUT of test name, and under Wine the time wine-run allows.
+function(zel_set_test_timeout name seconds)
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${seconds})
+  if(CMAKE_CROSSCOMPILING)
+    math(EXPR wine_seconds "${seconds} - ${ZEL_WINE_TIMEOUT_MARGIN}")
+    math(EXPR half "${seconds} / 2")
+    if(wine_seconds LESS half)
+      set(wine_seconds ${half})
+    endif()
+    set_property(TEST ${name} APPEND PROPERTY ENVIRONMENT "ZEL_WINE_TIMEOUT=${wine_seconds}")
+  endif()
+endfunction()
+
 # zel_add_test(name SOURCES a_test.cpp ... [LIBS ...] [XVFB] [TIMEOUT s])
 function(zel_add_test name)
   cmake_parse_arguments(ARG "XVFB" "TIMEOUT" "SOURCES;LIBS" ${ARGN})
@@ -30,9 +51,9 @@ function(zel_add_test name)
     add_test(NAME ${name} COMMAND ${name})
   endif()
   if(NOT ARG_TIMEOUT)
-    set(ARG_TIMEOUT 300)
+    set(ARG_TIMEOUT ${ZEL_TEST_TIMEOUT})
   endif()
-  set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT})
+  zel_set_test_timeout(${name} ${ARG_TIMEOUT})
 endfunction()
 
 # One test executable for the *_test.cpp files of a library directory.

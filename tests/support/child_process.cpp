@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <mutex>
+#include <set>
 
 #include "zel/core/error.h"
 #include "zel/core/sys_error.h"
@@ -16,6 +18,7 @@
 #else
 #include <signal.h>
 #include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -31,6 +34,28 @@ namespace zel::test {
 namespace {
 
 constexpr const char kChildOption[] = "--zel-child=";
+// The parent's process ID, so that a child can tell whether it is orphaned.
+constexpr const char kParentOption[] = "--zel-parent=";
+
+// The child processes that exist, for killRunningChildProcesses().
+std::mutex& runningMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+std::set<CChildProcess*>& running() {
+  static std::set<CChildProcess*> children;
+  return children;
+}
+
+void registerChild(CChildProcess* child) {
+  std::lock_guard<std::mutex> lock(runningMutex());
+  running().insert(child);
+}
+
+void unregisterChild(CChildProcess* child) {
+  std::lock_guard<std::mutex> lock(runningMutex());
+  running().erase(child);
+}
 
 std::map<std::string, TestChildFunction>& registry() {
   static std::map<std::string, TestChildFunction> functions;
@@ -46,6 +71,25 @@ std::map<std::string, TestChildFunction>& registry() {
 }
 
 #if defined(_WIN32)
+
+// Every child is put in this job, which ends them all when its last handle
+// closes: when this program ends, however it ends. Null if the system
+// refuses (the children then only end with their CChildProcess).
+HANDLE childJob() {
+  static const HANDLE job = [] {
+    HANDLE created = CreateJobObjectW(nullptr, nullptr);
+    if (!created) return HANDLE(nullptr);
+    JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
+    limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
+    if (!SetInformationJobObject(created, JobObjectExtendedLimitInformation, &limits,
+                                 sizeof(limits))) {
+      CloseHandle(created);
+      return HANDLE(nullptr);
+    }
+    return created;
+  }();
+  return job;
+}
 
 // One argument quoted so that CommandLineToArgvW (and the C runtime) give it
 // back unchanged.
@@ -71,7 +115,22 @@ std::wstring quoteArgument(const std::wstring& arg) {
   return result;
 }
 
+int64 currentProcessID() { return static_cast<int64>(GetCurrentProcessId()); }
+
+// The parent's job ends a child with its parent.
+void endWithParent(int64) {}
+
 #else
+
+int64 currentProcessID() { return static_cast<int64>(::getpid()); }
+
+// A child ends with its parent (strictly: with the thread that started it).
+void endWithParent(int64 parent) {
+  if (parent == 0) return;
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  // The parent may have ended before the signal was asked for.
+  if (static_cast<int64>(::getppid()) != parent) ::_exit(5);
+}
 
 void sleepMs(int ms) {
   timespec remaining{ms / 1000, static_cast<long>(ms % 1000) * 1000000L};
@@ -91,16 +150,21 @@ CChildProcess::CChildProcess(const String& path, const std::vector<String>& args
   STARTUPINFOW startup{};
   startup.cb = sizeof(startup);
   PROCESS_INFORMATION info{};
-  if (!CreateProcessW(path.toStdWString().c_str(), commandLine.data(), nullptr, nullptr, FALSE, 0,
-                      nullptr, nullptr, &startup, &info)) {
+  // Suspended until it is in the job, so that nothing it starts escapes.
+  if (!CreateProcessW(path.toStdWString().c_str(), commandLine.data(), nullptr, nullptr, FALSE,
+                      CREATE_SUSPENDED, nullptr, nullptr, &startup, &info)) {
     failStart(path, "CreateProcessW", static_cast<int64>(GetLastError()));
   }
+  if (childJob()) AssignProcessToJobObject(childJob(), info.hProcess);
+  ResumeThread(info.hThread);
   CloseHandle(info.hThread);
   m_handle = info.hProcess;
   m_pid = info.dwProcessId;
+  registerChild(this);
 }
 
 CChildProcess::~CChildProcess() {
+  unregisterChild(this);
   if (!m_ended) {
     kill();
     wait(-1);
@@ -120,8 +184,10 @@ int CChildProcess::wait(int timeoutMs) {
   return m_exitCode;
 }
 
-void CChildProcess::kill() {
-  if (!m_ended) TerminateProcess(static_cast<HANDLE>(m_handle), 137);
+bool CChildProcess::kill() {
+  if (m_ended) return false;
+  TerminateProcess(static_cast<HANDLE>(m_handle), 137);
+  return true;
 }
 
 String currentExecutablePath() {
@@ -148,9 +214,11 @@ CChildProcess::CChildProcess(const String& path, const std::vector<String>& args
   const int result = ::posix_spawn(&pid, native[0].c_str(), nullptr, nullptr, argv.data(), environ);
   if (result != 0) failStart(path, "posix_spawn", result);
   m_pid = pid;
+  registerChild(this);
 }
 
 CChildProcess::~CChildProcess() {
+  unregisterChild(this);
   if (!m_ended) {
     kill();
     wait(-1);
@@ -183,8 +251,10 @@ int CChildProcess::wait(int timeoutMs) {
   }
 }
 
-void CChildProcess::kill() {
-  if (!m_ended) ::kill(static_cast<pid_t>(m_pid), SIGKILL);
+bool CChildProcess::kill() {
+  if (m_ended) return false;
+  ::kill(static_cast<pid_t>(m_pid), SIGKILL);
+  return true;
 }
 
 String currentExecutablePath() {
@@ -196,10 +266,20 @@ String currentExecutablePath() {
 
 #endif
 
+std::vector<int64> killRunningChildProcesses() {
+  std::vector<int64> killed;
+  std::lock_guard<std::mutex> lock(runningMutex());
+  for (CChildProcess* child : running()) {
+    if (child->kill()) killed.push_back(child->pid());
+  }
+  return killed;
+}
+
 std::unique_ptr<CChildProcess> startTestChild(const std::string& name,
                                               const std::vector<std::string>& args) {
   std::vector<String> all;
   all.push_back(String(kChildOption + name));
+  all.push_back(String(kParentOption + std::to_string(currentProcessID())));
   for (const std::string& arg : args) all.push_back(String::fromUTF8(arg.c_str()));
   return std::make_unique<CChildProcess>(currentExecutablePath(), all);
 }
@@ -210,18 +290,23 @@ CTestChildRegistrar::CTestChildRegistrar(const char* name, TestChildFunction fun
 
 bool runTestChildIfRequested(int argc, char** argv, int& exitCode) {
   const size_t optionLength = std::strlen(kChildOption);
+  const size_t parentLength = std::strlen(kParentOption);
   std::string name;
   std::vector<std::string> args;
   bool found = false;
+  int64 parent = 0;
   for (int i = 1; i < argc; ++i) {
     if (!found && std::strncmp(argv[i], kChildOption, optionLength) == 0) {
       name = argv[i] + optionLength;
       found = true;
+    } else if (found && parent == 0 && std::strncmp(argv[i], kParentOption, parentLength) == 0) {
+      parent = std::atoll(argv[i] + parentLength);
     } else {
       args.emplace_back(argv[i]);
     }
   }
   if (!found) return false;
+  endWithParent(parent);
   const auto entry = registry().find(name);
   if (entry == registry().end()) {
     exitCode = 3;

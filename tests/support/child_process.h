@@ -9,8 +9,14 @@
 //
 // CChildProcess: Linux posix_spawn, Windows CreateProcessW. The destructor
 // kills a child that still runs and reaps it, so no test leaves one behind.
+// Children outlive no test program either: killRunningChildProcesses() ends
+// them (the test watchdog calls it), and should the program die anyhow, a
+// child ends with it (Linux: the parent-death signal of a test child;
+// Windows: a job object that kills its processes when its last handle, the
+// program's, closes).
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <vector>
@@ -35,20 +41,27 @@ class CChildProcess {
   // the signal number; kill() on Windows ends it with exit code 137 likewise.
   int wait(int timeoutMs);
   // Ends the child at once (SIGKILL / TerminateProcess); harmless when it has
-  // ended already.
-  void kill();
+  // ended already. False when it had been reaped already.
+  bool kill();
 
  private:
   int64 m_pid = 0;
   void* m_handle = nullptr;  // Windows: the process handle
-  bool m_ended = false;
+  // Read by killRunningChildProcesses() from any thread.
+  std::atomic<bool> m_ended{false};
   int m_exitCode = -1;
 };
+
+// Kills every child process that is still running; returns their process
+// IDs. Safe from any thread.
+std::vector<int64> killRunningChildProcesses();
 
 // The path of the running executable.
 String currentExecutablePath();
 
-// Starts this test executable as the child function name.
+// Starts this test executable as the child function name. On Linux the
+// child ends when the thread that started it ends, so start children from
+// the test's own thread.
 std::unique_ptr<CChildProcess> startTestChild(const std::string& name,
                                               const std::vector<std::string>& args = {});
 

@@ -507,21 +507,46 @@ inline CIPCAddress childServerAddress(const std::string& name) {
 
 // The body of a child server: serves at the address named args[0] until
 // killed, each connection on a thread of its own with a fresh server.
+//
+// Serving threads are joined once they have finished, never detached:
+// mingw-w64's winpthreads hands the record of a thread detached after its
+// function returned to the next new thread while the first one is still
+// exiting, and that exit then wrecks the new thread, which may vanish
+// before it runs (its client waits for an answer for ever).
+// tests/toolchain/winpthread_detach_race.cpp shows it.
 inline int runChildServer(const std::string& addressName, const ConnectionSetup& setup) {
+  struct CServing {
+    std::thread thread;
+    std::shared_ptr<std::atomic<bool>> finished;
+  };
   P<CProbeFileSystem> probe = createObject<CProbeFileSystem>();
   P<CPipeServer> pipe = createObject<CPipeServer>(childServerAddress(addressName));
+  // Runs until the parent kills this process when its tests are done.
+  std::list<CServing> serving;
   pipe->beginAcceptConnection();
   for (;;) {
     P<IConnection> connection = pipe->tryAcceptConnection(1000);
+    for (auto it = serving.begin(); it != serving.end();) {
+      if (!it->finished->load()) {
+        ++it;
+        continue;
+      }
+      it->thread.join();
+      it = serving.erase(it);
+    }
     if (!connection) continue;
     pipe->beginAcceptConnection();
-    // Never joined: the parent kills this process when its tests are done.
-    std::thread([connection, setup, probe] {
-      P<CProxyFileSystemServer> server = createObject<CProxyFileSystemServer>(connection.get());
-      P<CMemFileSystem> watched = setup(*server);
-      server->addShare(CURISelector(CURI("test://probe")), probe.get());
-      serveConnection(*server, watched.get());
-    }).detach();
+    auto finished = std::make_shared<std::atomic<bool>>(false);
+    std::thread thread([connection, setup, probe, finished] {
+      {
+        P<CProxyFileSystemServer> server = createObject<CProxyFileSystemServer>(connection.get());
+        P<CMemFileSystem> watched = setup(*server);
+        server->addShare(CURISelector(CURI("test://probe")), probe.get());
+        serveConnection(*server, watched.get());
+      }
+      finished->store(true);
+    });
+    serving.push_back({std::move(thread), finished});
   }
 }
 

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -100,16 +101,18 @@ struct CConnectedPair {
   P<IConnection> clientEnd;
 };
 
-CConnectedPair connectPair() {
+// Begins an accept on server and connects a client to it from a thread.
+CConnectedPair acceptClient(const P<CPipeServer>& server) {
   CConnectedPair pair;
-  const CIPCAddress address = uniqueAddress();
-  pair.server = createObject<CPipeServer>(address);
-  pair.server->beginAcceptConnection();
-  std::thread client([&] { pair.clientEnd = connectOrNull(address, 10000); });
-  pair.serverEnd = pair.server->tryAcceptConnection(10000);
+  pair.server = server;
+  server->beginAcceptConnection();
+  std::thread client([&] { pair.clientEnd = connectOrNull(server->getAddress(), 10000); });
+  pair.serverEnd = server->tryAcceptConnection(10000);
   client.join();
   return pair;
 }
+
+CConnectedPair connectPair() { return acceptClient(createObject<CPipeServer>(uniqueAddress())); }
 
 TEST(PipeTest, RoundTripBetweenThreads) {
   CConnectedPair pair = connectPair();
@@ -212,33 +215,86 @@ TEST(PipeTest, ClosedPeerEndsReadsAndFailsWrites) {
   }
 }
 
+// Runs operation, which blocks, on a thread of its own and closes connection
+// from this thread meanwhile; returns what the operation reported. It must
+// still be blocked at the close and return within 5 s of it.
+std::string outcomeOfCloseDuring(const P<IConnection>& connection,
+                                 const std::function<std::string()>& operation) {
+  std::atomic<bool> ended{false};
+  std::string outcome;
+  std::thread thread([&] {
+    outcome = operation();
+    ended = true;
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_FALSE(ended);
+  const auto start = Clock::now();
+  connection->close();
+  thread.join();
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
+  return outcome;
+}
+
 TEST(PipeTest, CloseFromAnotherThreadWakesABlockedRead) {
   CConnectedPair pair = connectPair();
   ASSERT_TRUE(pair.serverEnd && pair.clientEnd);
-  std::atomic<bool> ended{false};
-  std::string outcome;
-  std::thread reader([&] {
+  const std::string outcome = outcomeOfCloseDuring(pair.clientEnd, [&] {
     char byte;
     try {
       pair.clientEnd->getInStream()->read(&byte, 1);
-      outcome = "read a byte";
+      return std::string("read a byte");
     } catch (const CIOError& error) {
-      outcome = error.getErrorCode() == CIOError::UnexpectedEnd ? "end" : "other error";
+      return std::string(error.getErrorCode() == CIOError::UnexpectedEnd ? "end" : "other error");
     }
-    ended = true;
   });
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  EXPECT_FALSE(ended);
-  const auto start = Clock::now();
-  pair.clientEnd->close();
-  reader.join();
-  EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
   EXPECT_EQ(outcome, "end");
   // The other end learns of it too.
   char byte;
   EXPECT_EQ(pair.serverEnd->getInStream()->readLax(&byte, 1), 0);
   // Closing again is harmless.
   pair.clientEnd->close();
+}
+
+TEST(PipeTest, CloseFromAnotherThreadWakesABlockedWrite) {
+  CConnectedPair pair = connectPair();
+  ASSERT_TRUE(pair.serverEnd && pair.clientEnd);
+  // Far more than any system buffers while nobody reads: the write blocks.
+  const std::vector<unsigned char> big(16 * 1024 * 1024, 'w');
+  const std::string outcome = outcomeOfCloseDuring(pair.clientEnd, [&] {
+    try {
+      pair.clientEnd->getOutStream()->write(big.data(), static_cast<int>(big.size()));
+      return std::string("wrote everything");
+    } catch (const CIOError& error) {
+      return std::string(error.getErrorCode() == CIOError::WriteFailed ? "write failed"
+                                                                       : "other error");
+    }
+  });
+  EXPECT_EQ(outcome, "write failed");
+  // What the other end gets is a prefix of the data, then the end.
+  std::vector<unsigned char> received(big.size());
+  const int got = pair.serverEnd->getInStream()->readLax(received.data(),
+                                                          static_cast<int>(received.size()));
+  EXPECT_LT(got, static_cast<int>(big.size()));
+  EXPECT_TRUE(std::all_of(received.begin(), received.begin() + got,
+                          [](unsigned char byte) { return byte == 'w'; }));
+}
+
+TEST(PipeTest, PendingAcceptsDiscardedOverAndOverLeaveTheServerWorking) {
+  // Each begin replaces a waiting instance whose connect is still pending;
+  // each abort ends one. The next client must still get through.
+  P<CPipeServer> server = createObject<CPipeServer>(uniqueAddress());
+  for (int i = 0; i < 20; ++i) {
+    server->beginAcceptConnection();
+    if (i % 2 == 1) {
+      EXPECT_FALSE(server->tryAcceptConnection(0));
+      server->abortAcceptConnection();
+      EXPECT_FALSE(server->tryAcceptConnection(0));
+    }
+  }
+  CConnectedPair pair = acceptClient(server);
+  ASSERT_TRUE(pair.serverEnd && pair.clientEnd);
+  writeText(pair.serverEnd, "still");
+  EXPECT_EQ(readText(pair.clientEnd, 5), "still");
 }
 
 TEST(PipeTest, NoServer) {
@@ -265,39 +321,35 @@ TEST(PipeTest, NoServer) {
 }
 
 TEST(PipeTest, AcceptStates) {
-  CPipeServer server(uniqueAddress());
-  EXPECT_THROW(server.tryAcceptConnection(0), CBadStateError);
+  P<CPipeServer> server = createObject<CPipeServer>(uniqueAddress());
+  EXPECT_THROW(server->tryAcceptConnection(0), CBadStateError);
 
-  server.beginAcceptConnection();
-  EXPECT_FALSE(server.tryAcceptConnection(0));
-  EXPECT_FALSE(server.tryAcceptConnection(30));
+  server->beginAcceptConnection();
+  EXPECT_FALSE(server->tryAcceptConnection(0));
+  EXPECT_FALSE(server->tryAcceptConnection(30));
 
   // An abort wakes a waiting accept.
   std::atomic<bool> returned{false};
   P<IConnection> accepted;
   std::thread acceptor([&] {
-    accepted = server.tryAcceptConnection(-1);
+    accepted = server->tryAcceptConnection(-1);
     returned = true;
   });
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
   EXPECT_FALSE(returned);
-  server.abortAcceptConnection();
+  server->abortAcceptConnection();
   acceptor.join();
   EXPECT_FALSE(accepted);
   // After the abort: null, not an error, until the next begin.
-  EXPECT_FALSE(server.tryAcceptConnection(0));
+  EXPECT_FALSE(server->tryAcceptConnection(0));
 
   // The server still serves after an abort.
-  server.beginAcceptConnection();
-  P<IConnection> client;
-  std::thread connector([&] { client = connectOrNull(server.getAddress(), 10000); });
-  P<IConnection> serverEnd = server.tryAcceptConnection(10000);
-  connector.join();
-  ASSERT_TRUE(serverEnd && client);
-  writeText(client, "ok");
-  EXPECT_EQ(readText(serverEnd, 2), "ok");
+  CConnectedPair pair = acceptClient(server);
+  ASSERT_TRUE(pair.serverEnd && pair.clientEnd);
+  writeText(pair.clientEnd, "ok");
+  EXPECT_EQ(readText(pair.serverEnd, 2), "ok");
   // A returned connection needs a new begin before the next accept.
-  EXPECT_THROW(server.tryAcceptConnection(0), CBadStateError);
+  EXPECT_THROW(server->tryAcceptConnection(0), CBadStateError);
 }
 
 TEST(PipeTest, ServesSeveralClientsOneAfterTheOther) {

@@ -14,9 +14,13 @@
 //   - The streams of an overlapped pipe, CWindowsPipeInStream_Async and
 //     CWindowsPipeOutStream_Async, start one overlapped operation at a time
 //     and wait for it; a wait given up (the connection was closed) cancels the
-//     operation with CancelIo and waits for it to finish before returning.
+//     operation with CancelIoEx and waits for it to end before returning
+//     (pipe_io_end.h), closing the handle should the cancel not end it.
 //     CWindowsPipeOutStream_Sync writes to a pipe handle opened without
 //     FILE_FLAG_OVERLAPPED (for example an anonymous pipe).
+//   - No OVERLAPPED structure, event or buffer is reused or freed before its
+//     operation has ended. Waits look at the operation's own state again
+//     every second, so an event that is never set cannot hold them.
 //   - ERROR_BROKEN_PIPE and ERROR_PIPE_NOT_CONNECTED end a read (0 bytes);
 //     writes to a closed or vanished end throw CIOError WriteFailed with the
 //     system error as cause. Other read failures throw CIOError ReadFailed.
@@ -53,6 +57,12 @@
 //     abort, when it returns null.
 //   - abortAcceptConnection: cancels the pending connect, closes the instance
 //     and wakes a waiting tryAcceptConnection.
+//   - Discarding an instance (abort, the next begin, the destructor) awaits
+//     the end of its pending connect, after a failed CancelIoEx as well
+//     (the instance is closed at once then, and the CancelIoEx error is
+//     thrown afterwards). Each connect has an OVERLAPPED and event of its
+//     own; one that has not ended after 10 s is left alone (leaked), never
+//     reused.
 #pragma once
 
 #include "zel/core/base.h"
@@ -86,6 +96,10 @@ class ZEL_API CWindowsPipeHandle : public CBase {
   bool beginOperation();
   void endOperation();
   void close();
+  // Closes the handle at once, even while operations use it: for an
+  // operation that outlasts its cancel (closing ends it). Their later calls
+  // on the handle fail.
+  void closeNow();
   // A stream's close: the handle is closed once both streams have closed.
   void closeHalf();
   bool isClosing() const;

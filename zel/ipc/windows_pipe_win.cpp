@@ -1,6 +1,7 @@
 // Windows named pipes: CWindowsPipeHandle, the pipe streams,
 // CWindowsPipeConnection and CWindowsPipeServer.
 #include <climits>
+#include <memory>
 #include <string>
 
 #include "zel/core/error.h"
@@ -8,6 +9,7 @@
 #include "zel/internal/win_include.h"
 #include "zel/ipc/ipc_address.h"
 #include "zel/ipc/pipe_client_open.h"
+#include "zel/ipc/pipe_io_end.h"
 #include "zel/ipc/windows_pipe.h"
 #include "zel/core/mutex.h"
 
@@ -73,20 +75,71 @@ class COperation {
   bool m_active;
 };
 
+// Steps of a normal wait: an operation's own state is looked at again after
+// each, so an event that is not set cannot hold a read or write for ever.
+constexpr DWORD kWaitStepMs = 1000;
+
+bool operationEnded(const OVERLAPPED& ov) { return HasOverlappedIoCompleted(&ov); }
+
+// One overlapped operation on a handle, for endPendingPipeIO.
+class CPendingIO : public IPendingPipeIO {
+ public:
+  CPendingIO(HANDLE handle, OVERLAPPED& ov) : m_handle(handle), m_ov(ov) {}
+
+  CancelOutcome cancel(int64& sysError) override {
+    if (CancelIoEx(m_handle, &m_ov)) return CancelOutcome::Cancelled;
+    const DWORD code = GetLastError();
+    if (code == ERROR_NOT_FOUND) return CancelOutcome::NothingToCancel;
+    sysError = code;
+    return CancelOutcome::Failed;
+  }
+  bool hasEnded() override { return operationEnded(m_ov); }
+  void waitEvent(int ms) override {
+    if (WaitForSingleObject(m_ov.hEvent, static_cast<DWORD>(ms)) == WAIT_FAILED) {
+      SleepEx(static_cast<DWORD>(ms), FALSE);
+    }
+  }
+  CTime now() override { return CTime::now(); }
+
+ protected:
+  HANDLE handle() const { return m_handle; }
+
+ private:
+  HANDLE m_handle;
+  OVERLAPPED& m_ov;
+};
+
+// A stream's operation: closing its handle goes through the shared owner.
+class CStreamIO : public CPendingIO {
+ public:
+  CStreamIO(CWindowsPipeHandle& pipe, OVERLAPPED& ov)
+      : CPendingIO(toHandle(pipe.getHandle()), ov), m_pipe(pipe) {}
+  void closeHandle() override { m_pipe.closeNow(); }
+
+ private:
+  CWindowsPipeHandle& m_pipe;
+};
+
 // The outcome of waiting for one overlapped operation.
 enum class WaitResult { Completed, Closed };
 
-// Waits for the operation of ov or for the pipe's close; on close the
-// operation is cancelled (CancelIo: this thread started it) and awaited, so
-// that ov and the buffer are free when this returns.
+// Waits for the operation of ov or for the pipe's close. The operation's state
+// decides, not its event: a signal left on the event by an earlier operation
+// is cleared and waited past. On close the operation is cancelled and awaited
+// without giving up (the buffer is the caller's), so that ov and the buffer
+// are free when this returns.
 WaitResult waitOverlapped(CWindowsPipeHandle& pipe, OVERLAPPED& ov) {
   HANDLE events[2] = {ov.hEvent, toHandle(pipe.getClosedEvent())};
-  const DWORD result = WaitForMultipleObjects(2, events, FALSE, INFINITE);
-  if (result == WAIT_OBJECT_0) return WaitResult::Completed;
+  for (;;) {
+    if (operationEnded(ov)) return WaitResult::Completed;
+    const DWORD result = WaitForMultipleObjects(2, events, FALSE, kWaitStepMs);
+    if (result == WAIT_OBJECT_0 + 1 || result == WAIT_FAILED) break;
+    // Set, but not by this operation: an earlier one set it late.
+    if (result == WAIT_OBJECT_0 && !operationEnded(ov)) ResetEvent(ov.hEvent);
+  }
   CPreserveLastSysError preserve;
-  CancelIo(toHandle(pipe.getHandle()));
-  DWORD ignored = 0;
-  GetOverlappedResult(toHandle(pipe.getHandle()), &ov, &ignored, TRUE);
+  CStreamIO io(pipe, ov);
+  endPendingPipeIO(io, CPipeIOEndOptions{});
   return WaitResult::Closed;
 }
 
@@ -141,6 +194,18 @@ void CWindowsPipeHandle::close() {
   m_state->closing = true;
   SetEvent(toHandle(m_closedEvent));
   if (m_state->active == 0) {
+    CloseHandle(toHandle(m_handle));
+    m_state->handleClosed = true;
+  }
+}
+
+void CWindowsPipeHandle::closeNow() {
+  CMutexLock lock(m_state->mutex);
+  if (!m_state->closing) {
+    m_state->closing = true;
+    SetEvent(toHandle(m_closedEvent));
+  }
+  if (!m_state->handleClosed) {
     CloseHandle(toHandle(m_handle));
     m_state->handleClosed = true;
   }
@@ -412,19 +477,47 @@ int64 CWindowsPipeConnection::getPeerProcessID() {
 // ---------------------------------------------------------------------------
 // CWindowsPipeServer
 
+namespace {
+
+// One overlapped ConnectNamedPipe: its OVERLAPPED and its own event. Shared,
+// because tryAcceptConnection waits on the event without the lock while
+// abortAcceptConnection may discard the instance; and on the heap, because a
+// connect that never ends is left alone for good rather than reused.
+struct CConnectOp {
+  OVERLAPPED ov{};
+
+  CConnectOp() { ov.hEvent = createManualResetEvent("CWindowsPipeServer::beginAcceptConnection"); }
+  ~CConnectOp() { CloseHandle(ov.hEvent); }
+  CConnectOp(const CConnectOp&) = delete;
+  CConnectOp& operator=(const CConnectOp&) = delete;
+};
+
+// The pending connect of an instance being discarded; closing the handle
+// ends the connect.
+class CConnectIO : public CPendingIO {
+ public:
+  CConnectIO(HANDLE instance, CConnectOp& op) : CPendingIO(instance, op.ov) {}
+  void closeHandle() override { CloseHandle(handle()); }
+};
+
+// How long a discarded connect may take to end after its cancel before its
+// handle is closed, and before it is given up.
+constexpr CPipeIOEndOptions kDiscardOptions{50, 2000, 10000};
+
+}  // namespace
+
 struct CWindowsPipeServer::CState {
   CMutex mutex;
   PSECURITY_DESCRIPTOR descriptor = nullptr;
   SECURITY_ATTRIBUTES attributes{};
   HANDLE instance = nullptr;
-  HANDLE connectEvent = nullptr;
+  // The connect of instance; it is still running while pending is set.
+  std::shared_ptr<CConnectOp> connect;
   HANDLE abortEvent = nullptr;
-  OVERLAPPED overlapped{};
   bool pending = false;
   bool aborted = false;
 
   ~CState() {
-    if (connectEvent) CloseHandle(connectEvent);
     if (abortEvent) CloseHandle(abortEvent);
     if (descriptor) LocalFree(descriptor);
   }
@@ -440,6 +533,28 @@ namespace {
   params.set("pipeName", name);
   params.set("pipePath", path);
   throwSysError(code, params);
+}
+
+enum class ConnectWait { Connected, TimedOut, Aborted, Failed };
+
+// Waits up to timeoutMs (-1: no limit) for op's connect or the abort event.
+// The connect's own state decides, looked at again after every step.
+ConnectWait waitForConnect(const CConnectOp& op, HANDLE abortEvent, int timeoutMs) {
+  HANDLE events[2] = {op.ov.hEvent, abortEvent};
+  const ULONGLONG start = GetTickCount64();
+  for (;;) {
+    if (operationEnded(op.ov)) return ConnectWait::Connected;
+    DWORD step = kWaitStepMs;
+    if (timeoutMs >= 0) {
+      const ULONGLONG elapsed = GetTickCount64() - start;
+      if (elapsed >= static_cast<ULONGLONG>(timeoutMs)) return ConnectWait::TimedOut;
+      const ULONGLONG left = static_cast<ULONGLONG>(timeoutMs) - elapsed;
+      if (left < step) step = static_cast<DWORD>(left);
+    }
+    const DWORD result = WaitForMultipleObjects(2, events, FALSE, step);
+    if (result == WAIT_OBJECT_0 + 1) return ConnectWait::Aborted;
+    if (result == WAIT_FAILED) return ConnectWait::Failed;
+  }
 }
 
 }  // namespace
@@ -459,7 +574,6 @@ CWindowsPipeServer::CWindowsPipeServer(const String& name, bool global)
     m_state->attributes.nLength = sizeof(SECURITY_ATTRIBUTES);
     m_state->attributes.lpSecurityDescriptor = m_state->descriptor;
     m_state->attributes.bInheritHandle = FALSE;
-    m_state->connectEvent = createManualResetEvent(action);
     m_state->abortEvent = createManualResetEvent(action);
   } catch (...) {
     delete m_state;
@@ -483,21 +597,27 @@ void CWindowsPipeServer::discardInstance(const char* action) {
   CState& state = *m_state;
   if (!state.instance) return;
   const HANDLE instance = state.instance;
+  std::shared_ptr<CConnectOp> connect = std::move(state.connect);
+  const bool pending = state.pending;
   state.instance = nullptr;
-  DWORD failure = 0;
-  if (state.pending) {
-    // Nothing to cancel (ERROR_NOT_FOUND) means the connect has completed.
-    if (!CancelIoEx(instance, &state.overlapped) && GetLastError() != ERROR_NOT_FOUND) {
-      failure = GetLastError();
-    } else {
-      DWORD ignored = 0;
-      GetOverlappedResult(instance, &state.overlapped, &ignored, TRUE);
+  state.pending = false;
+  CPipeIOEndResult ended;
+  if (pending) {
+    // The OVERLAPPED may be written and its event set until the connect has
+    // ended, even after a failed cancel.
+    CConnectIO io(instance, *connect);
+    ended = endPendingPipeIO(io, kDiscardOptions);
+    if (!ended.ended) {
+      // Still running after all this: the system may write into it at any
+      // time, so it is never freed.
+      new std::shared_ptr<CConnectOp>(std::move(connect));
     }
   }
-  state.pending = false;
-  // Closing also ends a connect that could not be cancelled.
-  CloseHandle(instance);
-  if (failure != 0) throwServerError(failure, "CancelIoEx", action, m_pipeName, m_pipePath);
+  if (!ended.handleClosed) CloseHandle(instance);
+  if (ended.cancelError != 0) {
+    throwServerError(static_cast<DWORD>(ended.cancelError), "CancelIoEx", action, m_pipeName,
+                     m_pipePath);
+  }
 }
 
 void CWindowsPipeServer::beginAcceptConnection() {
@@ -507,6 +627,7 @@ void CWindowsPipeServer::beginAcceptConnection() {
   discardInstance(action);
   state.aborted = false;
   ResetEvent(state.abortEvent);
+  std::shared_ptr<CConnectOp> connect = std::make_shared<CConnectOp>();
   const HANDLE instance = CreateNamedPipeW(
       m_pipePath.toStdWString().c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
       PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT, PIPE_UNLIMITED_INSTANCES, 4000, 4000, 10000,
@@ -514,20 +635,19 @@ void CWindowsPipeServer::beginAcceptConnection() {
   if (instance == INVALID_HANDLE_VALUE) {
     throwServerError(GetLastError(), "CreateNamedPipe", action, m_pipeName, m_pipePath);
   }
-  ResetEvent(state.connectEvent);
-  state.overlapped = OVERLAPPED{};
-  state.overlapped.hEvent = state.connectEvent;
   bool pending = false;
-  if (!ConnectNamedPipe(instance, &state.overlapped)) {
+  if (!ConnectNamedPipe(instance, &connect->ov)) {
     const DWORD code = GetLastError();
     if (code == ERROR_IO_PENDING) {
       pending = true;
     } else if (code != ERROR_PIPE_CONNECTED) {
+      // The connect did not start: nothing can write into its OVERLAPPED.
       CloseHandle(instance);
       throwServerError(code, "ConnectNamedPipe", action, m_pipeName, m_pipePath);
     }
   }
   state.instance = instance;
+  state.connect = std::move(connect);
   state.pending = pending;
 }
 
@@ -542,27 +662,28 @@ P<CWindowsPipeConnection> CWindowsPipeServer::tryAcceptConnection(int timeoutMs)
     throw CBadStateError("tryAcceptConnection without beginAcceptConnection", params);
   }
   if (state.pending) {
-    HANDLE events[2] = {state.connectEvent, state.abortEvent};
-    DWORD result;
+    // Kept alive across the wait: an abort meanwhile discards the instance.
+    const std::shared_ptr<CConnectOp> connect = state.connect;
+    ConnectWait result;
     DWORD code = 0;
     {
       // abortAcceptConnection takes the lock while this waits.
       CMutexUnlock unlock(state.mutex);
-      result = WaitForMultipleObjects(2, events, FALSE,
-                                      timeoutMs < 0 ? INFINITE : static_cast<DWORD>(timeoutMs));
-      if (result == WAIT_FAILED) code = GetLastError();
+      result = waitForConnect(*connect, state.abortEvent, timeoutMs);
+      if (result == ConnectWait::Failed) code = GetLastError();
     }
-    if (result == WAIT_FAILED) {
+    if (result == ConnectWait::Failed) {
       throwServerError(code, "WaitForMultipleObjects", action, m_pipeName, m_pipePath);
     }
-    if (!state.instance || result != WAIT_OBJECT_0) return nullptr;
+    if (result != ConnectWait::Connected || state.connect != connect) return nullptr;
     DWORD ignored = 0;
-    if (!GetOverlappedResult(state.instance, &state.overlapped, &ignored, FALSE)) {
+    if (!GetOverlappedResult(state.instance, &connect->ov, &ignored, FALSE)) {
       const DWORD failure = GetLastError();
-      if (failure == ERROR_IO_INCOMPLETE) return nullptr;
       if (failure != ERROR_PIPE_CONNECTED) {
+        // The connect has ended (failed): instance and OVERLAPPED are free.
         CloseHandle(state.instance);
         state.instance = nullptr;
+        state.connect.reset();
         state.pending = false;
         throwServerError(failure, "GetOverlappedResult", action, m_pipeName, m_pipePath);
       }
@@ -570,6 +691,7 @@ P<CWindowsPipeConnection> CWindowsPipeServer::tryAcceptConnection(int timeoutMs)
   }
   const HANDLE instance = state.instance;
   state.instance = nullptr;
+  state.connect.reset();
   state.pending = false;
   return createObject<CWindowsPipeConnection>(createObject<CWindowsPipeHandle>(instance, true),
                                               m_pipeName, true);
