@@ -147,11 +147,12 @@ class TBuffer : public CBase {
     m_size = size;
   }
   void append(const T& value) { append(&value, 1); }
-  // Counts count more elements as used when the capacity holds them, and
-  // returns where they start, for the caller to fill; null (and nothing
-  // changed) when it does not. The fast path of small appends.
-  T* tryExtend(size_t count) {
-    if (count > m_capacity - m_size) return nullptr;
+  // The elements that fit beyond the used length without reallocating.
+  size_t getSpareCapacity() const { return m_capacity - m_size; }
+  // Counts count more elements as used and returns where they start, for
+  // the caller to fill (their content is undefined until then). count must
+  // not exceed getSpareCapacity(): the fast path of small appends.
+  T* extendWithinCapacity(size_t count) {
     T* room = m_data.get() + m_size;
     m_size += count;
     return room;

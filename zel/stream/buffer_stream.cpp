@@ -20,11 +20,14 @@ constexpr int kRangeLockUnsupported = 14;
 CBufferStream::CBufferStream() : m_buffer(createObject<Buffer>()) {}
 
 CBufferStream::CBufferStream(const P<Buffer>& buffer, bool readOnly)
-    : m_buffer(buffer ? buffer : createObject<Buffer>()), m_readOnly(readOnly) {}
+    : m_buffer(buffer ? buffer : createObject<Buffer>()),
+      m_readOnly(readOnly),
+      m_appendable(!readOnly) {}
 
 CBufferStream::CBufferStream(const void* data, size_t bytes, bool readOnly)
     : m_buffer(createObject<Buffer>(static_cast<const unsigned char*>(data), bytes)),
-      m_readOnly(readOnly) {}
+      m_readOnly(readOnly),
+      m_appendable(!readOnly) {}
 
 CBufferStream::~CBufferStream() = default;
 
@@ -77,7 +80,10 @@ P<IStreamLock> CBufferStream::lockRange(int64, int64, LockType) {
   throwIOError(kRangeLockUnsupported, "Buffer stream does not support range locking.", CProps());
 }
 
-void CBufferStream::close() { m_closed = true; }
+void CBufferStream::close() {
+  m_closed = true;
+  m_appendable = false;
+}
 
 void CBufferStream::read(void* buffer, int bytes) {
   const int got = readLax(buffer, bytes);

@@ -58,7 +58,10 @@ class ZEL_API CBufferStream : public CBase, public IIOStream {
   String getDataAsString() const;
   void setURI(const CURI& uri) { m_uri = uri; }
   bool isReadOnly() const { return m_readOnly; }
-  void setReadOnly(bool readOnly) { m_readOnly = readOnly; }
+  void setReadOnly(bool readOnly) {
+    m_readOnly = readOnly;
+    m_appendable = !m_readOnly && !m_closed;
+  }
   bool isClosed() const { return m_closed; }
 
   // IStreamBase
@@ -98,12 +101,12 @@ class ZEL_API CBufferStream : public CBase, public IIOStream {
   // common path (appending to an open, writable stream; reading what is
   // there). The data streams use them for every value.
   void writeDirect(const void* data, size_t bytes) {
-    if (m_position == m_buffer->getSize() && !(m_closed | m_readOnly)) {
-      if (unsigned char* room = m_buffer->tryExtend(bytes)) {
-        if (bytes) std::memcpy(room, data, bytes);
-        m_position += bytes;
-        return;
-      }
+    Buffer& buffer = *m_buffer;
+    if (m_position == buffer.getSize() && bytes <= buffer.getSpareCapacity() && m_appendable &&
+        bytes > 0) {
+      std::memcpy(buffer.extendWithinCapacity(bytes), data, bytes);
+      m_position += bytes;
+      return;
     }
     writeBytes(static_cast<const unsigned char*>(data), bytes);
   }
@@ -139,6 +142,8 @@ class ZEL_API CBufferStream : public CBase, public IIOStream {
   size_t m_position = 0;
   bool m_readOnly = false;
   bool m_closed = false;
+  // Neither read-only nor closed: one test on the fast path.
+  bool m_appendable = true;
   CURI m_uri;
 };
 
