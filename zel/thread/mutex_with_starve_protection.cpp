@@ -2,20 +2,15 @@
 
 #include "zel/internal/current_thread.h"
 
-#if defined(__x86_64__) || defined(_M_X64) || defined(__i386__)
-#include <immintrin.h>
-#define ZEL_CPU_RELAX() _mm_pause()
-#else
-#define ZEL_CPU_RELAX() ((void)0)
-#endif
-
 namespace zel {
 
 namespace {
 
-// About a microsecond of pauses: enough for a holder on another core to
-// finish a short critical section, short against the cost of sleeping.
-constexpr int kSpinRounds = 200;
+// A microsecond or two of reads: enough for a holder on another core to
+// finish a short critical section, short against the cost of sleeping. No
+// pause instruction between the reads: on current cores one pause lasts
+// long enough to add noticeably to every hand-over under contention.
+constexpr int kSpinRounds = 2000;
 
 }  // namespace
 
@@ -28,7 +23,6 @@ void CMutexWithStarveProtection::lockSpinning(CMutex& m, const std::atomic<bool>
     // Read before trying, so that spinning waiters do not fight over the
     // mutex's cache line.
     if (!held.load(std::memory_order_relaxed) && m.CMutex::tryLock()) return;
-    ZEL_CPU_RELAX();
   }
   m.CMutex::lock();
 }
@@ -47,17 +41,16 @@ void CMutexWithStarveProtection::lock() {
     ++m_count;
     return;
   }
-  if (m_waiters.load(std::memory_order_acquire) == 0 && CMutex::tryLock()) {
+  // Nobody queues while the gate is free: no one to queue behind.
+  if (!m_gateHeld.load(std::memory_order_acquire) && CMutex::tryLock()) {
     becomeHolder(self);
     return;
   }
-  m_waiters.fetch_add(1, std::memory_order_acq_rel);
   lockSpinning(m_gate, m_gateHeld);
-  m_gateHeld.store(true, std::memory_order_relaxed);
+  m_gateHeld.store(true, std::memory_order_release);
   lockSpinning(*this, m_held);
-  m_gateHeld.store(false, std::memory_order_relaxed);
+  m_gateHeld.store(false, std::memory_order_release);
   m_gate.CMutex::unlock();
-  m_waiters.fetch_sub(1, std::memory_order_acq_rel);
   becomeHolder(self);
 }
 
@@ -67,7 +60,7 @@ bool CMutexWithStarveProtection::tryLock() {
     ++m_count;
     return true;
   }
-  if (m_waiters.load(std::memory_order_acquire) != 0 || !CMutex::tryLock()) return false;
+  if (m_gateHeld.load(std::memory_order_acquire) || !CMutex::tryLock()) return false;
   becomeHolder(self);
   return true;
 }

@@ -1,13 +1,13 @@
 // CMutexWithStarveProtection: a recursive mutex that a thread releasing and
 // re-taking it in a loop cannot use to starve the others.
 //
-// Every first acquisition by a thread that finds others waiting queues on a
+// Every first acquisition by a thread that finds the lock taken queues on a
 // gate mutex before it takes the lock proper (the CMutex this class is), and
 // the gate is held by at most one waiter while it waits: a thread that
 // releases and at once re-takes the lock must queue behind the thread already
-// waiting. Recursive acquisitions by the holder never touch the gate. With
-// nobody waiting, the gate is skipped: there is no one to queue behind, and
-// an uncontended lock then costs about what a CMutex costs.
+// waiting. Recursive acquisitions by the holder never touch the gate. While
+// no waiter holds the gate, a free lock is taken directly: there is no one to
+// queue behind, and an uncontended lock then costs about what a CMutex costs.
 //
 // Each thread's recursion count: only the holder's can be above zero, so the
 // mutex keeps the holder's identity and count itself instead of a record per
@@ -41,9 +41,8 @@ class ZEL_API CMutexWithStarveProtection : public CMutex {
   void becomeHolder(uint64 self);
 
   CMutex m_gate;
-  // Threads between deciding to queue and getting the lock proper.
-  std::atomic<int> m_waiters{0};
-  // Hints for spinning: whether the gate / the lock proper is taken.
+  // Whether a waiter holds the gate (first acquisitions then queue), and
+  // whether the lock proper is taken (a hint for spinning).
   std::atomic<bool> m_gateHeld{false};
   std::atomic<bool> m_held{false};
   // The holder's thread token (0: none) and its recursion count; the count
