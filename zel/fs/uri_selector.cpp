@@ -1,5 +1,9 @@
 #include "zel/fs/uri_selector.h"
 
+#include <cstddef>
+#include <iterator>
+#include <optional>
+
 #include "zel/stream/data_stream.h"
 
 namespace zel {
@@ -137,7 +141,11 @@ bool CURISelector::matches(const CURI& uri) const { return matches(uri, nullptr)
 
 bool CURISelector::matches(const CURI& uri, TArray<String>* remainder) const {
   if (!m_set || uri.isEmpty()) return false;
-  CURI normalized = uri.toNormalized();
+  // Copied only when normalising changes something (rarely: servers pass
+  // normalised URIs).
+  std::optional<CURI> copy;
+  if (!uri.isNormalized()) copy = uri.toNormalized();
+  const CURI& normalized = copy ? *copy : uri;
   if (!m_scheme.isEmpty() && normalized.getScheme() != m_scheme) return false;
   if (!m_anyAuthority) {
     if (normalized.getHost() != m_host || normalized.getPort() != m_port) return false;
@@ -147,10 +155,18 @@ bool CURISelector::matches(const CURI& uri, TArray<String>* remainder) const {
   }
   // "." can only be left where normalising needs it to keep the text
   // unambiguous; it names nothing.
-  TArray<String> segments;
-  for (const String& segment : normalized.getSegments()) {
-    if (segment == L"..") return false;
-    if (segment != L".") segments.add(segment);
+  TArray<String> segments = normalized.getSegments();
+  const auto isDots = [](const String& segment, int count) {
+    return segment.getLength() == count && segment.safeAt(0) == L'.' &&
+           segment.safeAt(count - 1) == L'.';
+  };
+  for (size_t i = 0; i < segments.size();) {
+    if (isDots(segments[i], 2)) return false;
+    if (isDots(segments[i], 1)) {
+      segments.erase(segments.begin() + static_cast<std::ptrdiff_t>(i));
+    } else {
+      ++i;
+    }
   }
   size_t first = 0;
   if (!m_path.isEmpty()) {
@@ -168,7 +184,8 @@ bool CURISelector::matches(const CURI& uri, TArray<String>* remainder) const {
   if (remainder) {
     size_t end = segments.size();
     if (end > first && segments[end - 1].isEmpty()) --end;
-    remainder->assign(segments.begin() + first, segments.begin() + end);
+    remainder->assign(std::make_move_iterator(segments.begin() + static_cast<std::ptrdiff_t>(first)),
+                      std::make_move_iterator(segments.begin() + static_cast<std::ptrdiff_t>(end)));
   }
   return true;
 }

@@ -93,6 +93,9 @@ class ZEL_API CURI {
 
   String toString(bool escaped = true) const;
   CURI toNormalized() const;
+  // Whether toNormalized() gives this URI unchanged; a scan of its parts,
+  // without a copy.
+  bool isNormalized() const;
 
   // The scheme as written (no ":").
   const String& getScheme() const { return m_scheme; }
@@ -149,6 +152,14 @@ class ZEL_API CURI {
   bool operator<(const CURI& other) const;
 
  private:
+  // The common case of parse(), and the form of every URI a client sends: a
+  // scheme, then (after an optional authority of a plain host) a path of
+  // characters that stand as they are - no escapes, query, fragment, user
+  // info, port or IP literal. Such text is its own escaped form, so its parts
+  // are taken as they stand. False (uri untouched) for anything else, which
+  // the general parser handles.
+  static bool parsePlain(const String& text, CURI& uri);
+
   String m_scheme;
   bool m_hasAuthority = false;
   bool m_hasUserInfo = false;
