@@ -112,6 +112,10 @@ P<CProxyFileSystemMessage> CProxyFileSystemMessage::readIfAvailable(IInStream& i
 int CProxyFileSystemMessage::readFrameLength(IInStream& in, int maxFrameLength) {
   unsigned char field[kHeader];
   in.read(field, kHeader);
+  return decodeFrameLength(field, maxFrameLength);
+}
+
+int CProxyFileSystemMessage::decodeFrameLength(const unsigned char* field, int maxFrameLength) {
   const int length = decodeLength(field);
   checkLength(length, maxFrameLength);
   return length;

@@ -70,6 +70,10 @@ class ZEL_API CProxyFileSystemMessage : public CBase {
   // themselves.
   static int readFrameLength(IInStream& in,
                              int maxFrameLength = CProxyFileSystemBase::kDefaultMaxFrameLength);
+  // The value of a 4-byte length field read by the caller, checked as
+  // readFrameLength() does.
+  static int decodeFrameLength(const unsigned char* field,
+                               int maxFrameLength = CProxyFileSystemBase::kDefaultMaxFrameLength);
   // Reads a payload of length bytes (already checked) into a new message.
   static P<CProxyFileSystemMessage> readPayload(IInStream& in, int length);
   // Reads the next frame into this message, reusing its buffer (a server
