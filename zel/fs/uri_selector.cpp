@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <iterator>
-#include <optional>
 
 #include "zel/stream/data_stream.h"
 
@@ -140,12 +139,12 @@ String CURISelector::getAuthority() const {
 bool CURISelector::matches(const CURI& uri) const { return matches(uri, nullptr); }
 
 bool CURISelector::matches(const CURI& uri, TArray<String>* remainder) const {
-  if (!m_set || uri.isEmpty()) return false;
-  // Copied only when normalising changes something (rarely: servers pass
-  // normalised URIs).
-  std::optional<CURI> copy;
-  if (!uri.isNormalized()) copy = uri.toNormalized();
-  const CURI& normalized = copy ? *copy : uri;
+  if (uri.isNormalized()) return matchesNormalized(uri, remainder);
+  return matchesNormalized(uri.toNormalized(), remainder);
+}
+
+bool CURISelector::matchesNormalized(const CURI& normalized, TArray<String>* remainder) const {
+  if (!m_set || normalized.isEmpty()) return false;
   if (!m_scheme.isEmpty() && normalized.getScheme() != m_scheme) return false;
   if (!m_anyAuthority) {
     if (normalized.getHost() != m_host || normalized.getPort() != m_port) return false;
@@ -153,6 +152,8 @@ bool CURISelector::matches(const CURI& uri, TArray<String>* remainder) const {
       return false;
     }
   }
+  bool matched = false;
+  if (matchesPlainPath(normalized.getPath(), remainder, matched)) return matched;
   // "." can only be left where normalising needs it to keep the text
   // unambiguous; it names nothing.
   TArray<String> segments = normalized.getSegments();
@@ -187,6 +188,66 @@ bool CURISelector::matches(const CURI& uri, TArray<String>* remainder) const {
     remainder->assign(std::make_move_iterator(segments.begin() + static_cast<std::ptrdiff_t>(first)),
                       std::make_move_iterator(segments.begin() + static_cast<std::ptrdiff_t>(end)));
   }
+  return true;
+}
+
+namespace {
+
+bool hasEscape(const wchar_t* text, int length) {
+  return std::char_traits<wchar_t>::find(text, static_cast<size_t>(length), L'%') != nullptr;
+}
+
+}  // namespace
+
+bool CURISelector::matchesPlainPath(const String& path, TArray<String>* remainder,
+                                    bool& matched) const {
+  const wchar_t* p = path.toWChar();
+  const int n = path.getLength();
+  const wchar_t* own = m_path.toWChar();
+  const int ownLength = m_path.getLength();
+  if (!m_pathCaseSensitive || hasEscape(p, n) ||
+      (ownLength > 0 && (own[0] != L'/' || hasEscape(own, ownLength)))) {
+    return false;
+  }
+  // ".." never matches; "." is left to the general way.
+  for (int start = (n > 0 && p[0] == L'/') ? 1 : 0; start <= n;) {
+    int end = start;
+    while (end < n && p[end] != L'/') ++end;
+    if (end - start == 2 && p[start] == L'.' && p[start + 1] == L'.') {
+      matched = false;
+      return true;
+    }
+    if (end - start == 1 && p[start] == L'.') return false;
+    start = end + 1;
+  }
+  // Without escapes the texts are their decoded segments: the path must be
+  // the selector's or continue it with "/" ("/" itself: any absolute path).
+  int first = n > 0 && p[0] == L'/' ? 1 : 0;
+  if (ownLength > 0) {
+    if (n == 0 || p[0] != L'/') {
+      matched = false;
+      return true;
+    }
+    if (ownLength > 1) {
+      if (n < ownLength || std::char_traits<wchar_t>::compare(p, own, ownLength) != 0 ||
+          (n > ownLength && p[ownLength] != L'/')) {
+        matched = false;
+        return true;
+      }
+      first = n > ownLength ? ownLength + 1 : n;
+    }
+  }
+  if (remainder) {
+    remainder->clear();
+    // A trailing empty segment is dropped.
+    for (int start = first; start < n;) {
+      int end = start;
+      while (end < n && p[end] != L'/') ++end;
+      if (end < n || end > start) remainder->add(String(p + start, static_cast<size_t>(end - start)));
+      start = end + 1;
+    }
+  }
+  matched = true;
   return true;
 }
 

@@ -352,7 +352,7 @@ bool CURI::parsePlain(const String& text, CURI& uri) {
   }
   uri.m_scheme = String(s, colon);
   uri.m_hasAuthority = authority;
-  if (authority) uri.m_host = String(s + colon + 3, pathStart - colon - 3);
+  if (authority && pathStart > colon + 3) uri.m_host = String(s + colon + 3, pathStart - colon - 3);
   uri.m_path = String(s + pathStart, n - pathStart);
   return true;
 }

@@ -93,8 +93,11 @@ class ZEL_API CURI {
 
   String toString(bool escaped = true) const;
   CURI toNormalized() const;
-  // Whether toNormalized() gives this URI unchanged; a scan of its parts,
-  // without a copy.
+  // True when the URI is normal as it stands - no escapes, no "."
+  // segments, no upper case in scheme and host - so that toNormalized()
+  // gives it unchanged; a scan of its parts, without a copy. False does not
+  // mean that normalising changes it: escapes are not looked into, and a "."
+  // that normalising keeps ("urn:/.//a") counts as well.
   bool isNormalized() const;
 
   // The scheme as written (no ":").

@@ -691,25 +691,32 @@ void CProxyFileSystemServer::validateAndSecurePath(String& path, bool backslashI
     }
     path = String(text);
   }
-  // Looked at in place: every request's path passes here.
-  const std::wstring_view view(path.toWChar(), static_cast<size_t>(path.getLength()));
-  if (view.find(L'\0') != std::wstring_view::npos) throwInvalidPath(path);
+  vetPath(path);
+}
+
+void CProxyFileSystemServer::vetPath(const String& path) {
+  // One pass over the text where it stands: every request's path comes here.
   // An empty name between separators, or a name of dots and blanks only
   // (other than "."), is refused; that also covers every ".." name.
-  size_t start = 0;
-  for (;;) {
-    const size_t end = view.find(L'/', start);
-    const std::wstring_view segment =
-        view.substr(start, end == std::wstring_view::npos ? std::wstring_view::npos : end - start);
-    const bool first = start == 0;
-    const bool last = end == std::wstring_view::npos;
-    if (segment.empty()) {
-      if (!first && !last) throwInvalidPath(path);
-    } else if (segment != L"." && segment.find_first_not_of(L". ") == std::wstring_view::npos) {
+  const wchar_t* text = path.toWChar();
+  const int length = path.getLength();
+  int start = 0;
+  bool dotsAndBlanks = true;
+  for (int i = 0; i <= length; ++i) {
+    const wchar_t c = i < length ? text[i] : L'/';
+    if (c == L'\0') throwInvalidPath(path);
+    if (c != L'/') {
+      dotsAndBlanks = dotsAndBlanks && (c == L'.' || c == L' ');
+      continue;
+    }
+    const int size = i - start;
+    if (size == 0) {
+      if (start != 0 && i != length) throwInvalidPath(path);
+    } else if (dotsAndBlanks && !(size == 1 && text[start] == L'.')) {
       throwInvalidPath(path);
     }
-    if (last) break;
-    start = end + 1;
+    start = i + 1;
+    dotsAndBlanks = true;
   }
 }
 
@@ -726,17 +733,24 @@ CProxyFileSystemServer::TargetLoc CProxyFileSystemServer::convertAbsoluteURI(con
   return resolveURI(uri);
 }
 
-CProxyFileSystemServer::TargetLoc CProxyFileSystemServer::resolveURI(const CURI& uri) {
-  // Copied only when normalising changes something.
-  std::optional<CURI> copy;
-  if (!uri.isNormalized()) copy = uri.toNormalized();
-  const CURI& normalized = copy ? *copy : uri;
-  String path = normalized.getDecodedPath();
-  validateAndSecurePath(path, kBackslashIsSeparator);
+CProxyFileSystemServer::TargetLoc CProxyFileSystemServer::resolveURI(CURI uri) {
+  if (!uri.isNormalized()) uri = uri.toNormalized();
+  const CURI& normalized = uri;
+  // Without escapes the decoded path is the stored one, vetted where it
+  // stands (Windows rewrites its separators, so it vets a copy).
+  const String& stored = normalized.getPath();
+  String decoded;
+  if (kBackslashIsSeparator || stored.getWxString().find(L'%') != wxString::npos) {
+    decoded = normalized.getDecodedPath();
+    validateAndSecurePath(decoded, kBackslashIsSeparator);
+  } else {
+    vetPath(stored);
+  }
+  const String& path = decoded.isEmpty() ? stored : decoded;
   TargetLoc loc;
   for (int i = 0; i < m_shares.getCount(); ++i) {
     const CShare& share = *m_shares[i];
-    if (!share.selector.matches(normalized, &loc.remainder)) continue;
+    if (!share.selector.matchesNormalized(normalized, &loc.remainder)) continue;
     for (const String& segment : loc.remainder) {
       // An escaped separator would split into two names on the disk.
       const std::wstring_view name(segment.toWChar(), static_cast<size_t>(segment.getLength()));
@@ -758,7 +772,8 @@ CProxyFileSystemServer::TargetLoc CProxyFileSystemServer::resolveURI(const CURI&
       }
       noteMapping(loc.mapping);
     } else {
-      loc.uri = normalized;
+      // The URI is not needed any more: the location takes it over.
+      loc.uri = std::move(uri);
     }
     return loc;
   }

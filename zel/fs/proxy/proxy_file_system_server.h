@@ -356,7 +356,7 @@ class ZEL_API CProxyFileSystemServer : public CBase, public CProxyFileSystemBase
   TargetLoc readAndConvertAbsoluteURI(CDataInStream& in);
   TargetLoc convertAbsoluteURI(const CURI& uri);
   // The resolution of both, without noting the URI as the client's.
-  TargetLoc resolveURI(const CURI& uri);
+  TargetLoc resolveURI(CURI uri);
   // Fails with "Proxy URIs must be on same filesystem for this
   // functionality." when a and b name different file systems.
   static void verifyOnSameFileSystem(const TargetLoc& a, const TargetLoc& b);
@@ -369,6 +369,8 @@ class ZEL_API CProxyFileSystemServer : public CBase, public CProxyFileSystemBase
   // segment inside the path ("a//b"), and NUL characters. On return path
   // holds the path with normalised separators.
   static void validateAndSecurePath(String& path, bool backslashIsSeparator);
+  // validateAndSecurePath() of a path whose separators are "/" already.
+  static void vetPath(const String& path);
   // The confinement check of loc for an operation of the given kind; nothing
   // for shares without a local root.
   void confine(const TargetLoc& loc, CShareConfinement::Target target);
