@@ -29,8 +29,11 @@
 //
 // Processes: the other end of every raw and proxy figure is
 // proxy_bench_server (beside this executable), started per measurement and
-// ended by closing the connection. The raw figures use a socket pair with the
-// system's default buffer sizes, as the proxy's connections do. sftp runs as
+// ended by closing the connection. The raw figures use a socket pair set up
+// and waited on as the library's Unix socket connections are (the send
+// buffer they ask for, a poll for the next request after a bulk reply;
+// see unix_socket.h), so that they are the limit of the proxy's own
+// transport. sftp runs as
 // a whole session per measurement; the time of a session with a single df
 // (start-up, connection set-up, one round trip) is subtracted, so the df
 // figure is the time of one more df and the get figures are the transfer.
@@ -294,6 +297,7 @@ class CRawServer {
     int fds[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) return;
     m_fd = fds[0];
+    zel::bench::setUpLikeConnection(m_fd);
     // The child's end becomes descriptor 3 of the server, without
     // close-on-exec; it is moved above 3 first, since dup2 onto itself would
     // keep the flag.

@@ -1,5 +1,6 @@
 // What proxy_bench and its server process share: the raw request format,
-// page-aligned buffers, whole-buffer socket I/O and core pinning.
+// page-aligned buffers, whole-buffer socket I/O, the library's socket set-up
+// and core pinning.
 //
 // A raw request is 12 bytes, shaped like a small proxy request frame: the
 // payload length (8), an operation and a reply size, each a native int32
@@ -8,13 +9,17 @@
 #pragma once
 
 #include <errno.h>
+#include <poll.h>
 #include <sched.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
+
+#include "zel/ipc/unix_socket.h"
 
 namespace zel::bench {
 
@@ -86,6 +91,22 @@ inline bool writeFully(int fd, const void* buffer, size_t bytes) {
     bytes -= static_cast<size_t>(put);
   }
   return true;
+}
+
+// Sets up one end of a raw socket as the library sets up each end of its
+// Unix socket connections: the send buffer it asks for.
+inline void setUpLikeConnection(int fd) {
+  const int size = CUnixSocketConnection::kSendBufferBytes;
+  ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));
+}
+
+// Waits until fd has data (or its end), as the library's connections wait
+// for the next read after a bulk send: poll wakes for data only, where a
+// blocking read also wakes each time the peer frees a buffer of ours.
+inline void waitForData(int fd) {
+  pollfd entry{fd, POLLIN, 0};
+  while (::poll(&entry, 1, -1) < 0 && errno == EINTR) {
+  }
 }
 
 // Binds the calling thread (for a single-threaded process: the process, and

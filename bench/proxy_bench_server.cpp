@@ -3,7 +3,8 @@
 // parent (PR_SET_PDEATHSIG), so an interrupted run leaves nothing behind.
 //
 //   proxy_bench_server CPU raw FD [FILE]
-//     Answers raw requests (proxy_bench_raw.h) on the connected socket FD;
+//     Answers raw requests (proxy_bench_raw.h) on the connected socket FD,
+//     set up and waited on as the library's Unix socket connections are;
 //     FILE is what kRawOpReplyFromFile and kRawOpSendFile read.
 //   proxy_bench_server CPU proxy NAME FOLDER
 //     Listens at the per-user IPC address (kBenchAppID, NAME), accepts one
@@ -55,13 +56,20 @@ int serveRaw(int fd, const char* filePath) {
   }
   CAlignedBuffer reply(size_t{1} << 24);
   std::memset(reply.data(), 'r', reply.size());
+  zel::bench::setUpLikeConnection(fd);
   CRawRequest request;
-  while (zel::bench::readFully(fd, &request, sizeof(request))) {
+  size_t lastReply = 0;
+  for (;;) {
+    if (lastReply >= static_cast<size_t>(zel::CUnixSocketConnection::kBulkSendBytes)) {
+      zel::bench::waitForData(fd);
+    }
+    if (!zel::bench::readFully(fd, &request, sizeof(request))) break;
     if (request.replyBytes < 0 || static_cast<size_t>(request.replyBytes) > reply.size()) {
       std::fprintf(stderr, "proxy_bench_server: bad reply size %d\n", request.replyBytes);
       return 1;
     }
     size_t bytes = static_cast<size_t>(request.replyBytes);
+    lastReply = bytes;
     if (request.op == zel::bench::kRawOpReplyFromFile) {
       if (file < 0 || static_cast<int64_t>(bytes) > fileSize) return 1;
       if (offset + static_cast<int64_t>(bytes) > fileSize) offset = 0;

@@ -13,6 +13,7 @@
 // local_file_system_win.cpp (Windows).
 #pragma once
 
+#include <string>
 #include <vector>
 
 #include "zel/core/base.h"
@@ -102,6 +103,12 @@ struct EntryInfo {
   int64 unixUserID = -1;
   int64 unixGroupID = -1;
 };
+
+#ifndef _WIN32
+// The bytes of a path for the system's calls (String::toFileSystemEncoding);
+// plain ASCII, by far the most common case, is copied without a conversion.
+std::string toNativePath(const String& path);
+#endif
 
 // false when the entry does not exist (a missing component or a component
 // that is not a folder); throws on any other failure. followLinks false

@@ -32,20 +32,7 @@
 
 namespace zel::fs_platform {
 
-namespace {
-
-template <class F>
-auto retryEINTR(F&& call) -> decltype(call()) {
-  decltype(call()) result;
-  do {
-    result = call();
-  } while (result == -1 && errno == EINTR);
-  return result;
-}
-
-std::string toNative(const String& path) {
-  // Plain ASCII, by far the most common case, is the same in every
-  // file-system encoding: copy it without a conversion.
+std::string toNativePath(const String& path) {
   const wchar_t* text = path.toWChar();
   const int count = path.getLength();
   std::string ascii(static_cast<size_t>(count), '\0');
@@ -55,6 +42,17 @@ std::string toNative(const String& path) {
   int length = 0;
   wxCharBuffer bytes = path.toFileSystemEncoding(&length);
   return std::string(bytes.data(), static_cast<size_t>(length));
+}
+
+namespace {
+
+template <class F>
+auto retryEINTR(F&& call) -> decltype(call()) {
+  decltype(call()) result;
+  do {
+    result = call();
+  } while (result == -1 && errno == EINTR);
+  return result;
 }
 
 [[noreturn]] void fail(const char* func, const char* action, int code) {
@@ -113,7 +111,7 @@ Handle openFile(const String& path, Disposition disposition, bool readWrite, boo
       if (readWrite) flags |= O_TRUNC;
       break;
   }
-  std::string native = toNative(path);
+  std::string native = toNativePath(path);
   int result = retryEINTR([&] { return ::openat(AT_FDCWD, native.c_str(), flags, 0666); });
   if (result < 0) fail("openat", "openFile", errno);
   // A folder opens read-only without complaint; a stream on it is useless.
@@ -214,7 +212,7 @@ void unlockRange(Handle handle, int64 start, int64 length) {
 }
 
 bool getEntryType(const String& path, EntryType& type) {
-  std::string native = toNative(path);
+  std::string native = toNativePath(path);
   struct stat st;
   if (::stat(native.c_str(), &st) != 0) {
     if (errno == ENOENT || errno == ENOTDIR) return false;
@@ -226,7 +224,7 @@ bool getEntryType(const String& path, EntryType& type) {
 }
 
 bool statEntry(const String& path, bool followLinks, EntryInfo& info) {
-  std::string native = toNative(path);
+  std::string native = toNativePath(path);
   const unsigned mask = STATX_BASIC_STATS | STATX_BTIME;
   auto describe = [&](int flags, struct statx& sx) {
     if (::statx(AT_FDCWD, native.c_str(), AT_STATX_SYNC_AS_STAT | flags, mask, &sx) == 0) return true;
@@ -284,7 +282,7 @@ bool statEntry(const String& path, bool followLinks, EntryInfo& info) {
 }
 
 Folder openFolder(const String& path) {
-  std::string native = toNative(path);
+  std::string native = toNativePath(path);
   int dfd = retryEINTR([&] {
     return ::openat(AT_FDCWD, native.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   });
@@ -318,17 +316,17 @@ void closeFolder(Folder folder) noexcept {
 }
 
 void createFolder(const String& path) {
-  std::string native = toNative(path);
+  std::string native = toNativePath(path);
   if (::mkdirat(AT_FDCWD, native.c_str(), 0777) != 0) fail("mkdirat", "createFolder", errno);
 }
 
 void removeFile(const String& path) {
-  std::string native = toNative(path);
+  std::string native = toNativePath(path);
   if (::unlinkat(AT_FDCWD, native.c_str(), 0) != 0) fail("unlinkat", "removeFile", errno);
 }
 
 void removeFolder(const String& path) {
-  std::string native = toNative(path);
+  std::string native = toNativePath(path);
   if (::unlinkat(AT_FDCWD, native.c_str(), AT_REMOVEDIR) != 0) {
     int code = errno;
     // Linux may report EEXIST for a non-empty folder; it means the same.
@@ -337,7 +335,7 @@ void removeFolder(const String& path) {
 }
 
 void removeLink(const String& path) {
-  std::string native = toNative(path);
+  std::string native = toNativePath(path);
   struct stat st;
   if (::lstat(native.c_str(), &st) != 0) fail("lstat", "removeLink", errno);
   if (!S_ISLNK(st.st_mode)) fail("lstat", "removeLink", EINVAL);
@@ -345,8 +343,8 @@ void removeLink(const String& path) {
 }
 
 void renameEntry(const String& from, const String& to, bool overwrite) {
-  std::string nativeFrom = toNative(from);
-  std::string nativeTo = toNative(to);
+  std::string nativeFrom = toNativePath(from);
+  std::string nativeTo = toNativePath(to);
   if (overwrite) {
     if (::renameat(AT_FDCWD, nativeFrom.c_str(), AT_FDCWD, nativeTo.c_str()) != 0) {
       fail("renameat", "renameEntry", errno);
@@ -376,8 +374,8 @@ void renameEntry(const String& from, const String& to, bool overwrite) {
 }
 
 void copyFile(const String& from, const String& to, bool overwrite) {
-  std::string nativeFrom = toNative(from);
-  std::string nativeTo = toNative(to);
+  std::string nativeFrom = toNativePath(from);
+  std::string nativeTo = toNativePath(to);
   int in = retryEINTR([&] { return ::openat(AT_FDCWD, nativeFrom.c_str(), O_RDONLY | O_CLOEXEC); });
   if (in < 0) fail("openat", "copyFile", errno);
   struct stat st;
@@ -431,8 +429,8 @@ void copyFile(const String& from, const String& to, bool overwrite) {
 }
 
 void createHardLink(const String& link, const String& target) {
-  std::string nativeLink = toNative(link);
-  std::string nativeTarget = toNative(target);
+  std::string nativeLink = toNativePath(link);
+  std::string nativeTarget = toNativePath(target);
   if (::linkat(AT_FDCWD, nativeTarget.c_str(), AT_FDCWD, nativeLink.c_str(), 0) != 0) {
     fail("linkat", "createHardLink", errno);
   }
@@ -443,15 +441,15 @@ void createFolderHardLink(const String&, const String&) {
 }
 
 void createSymLink(const String& link, const String& target, bool) {
-  std::string nativeLink = toNative(link);
-  std::string nativeTarget = toNative(target);
+  std::string nativeLink = toNativePath(link);
+  std::string nativeTarget = toNativePath(target);
   if (::symlinkat(nativeTarget.c_str(), AT_FDCWD, nativeLink.c_str()) != 0) {
     fail("symlinkat", "createSymLink", errno);
   }
 }
 
 String readSymLink(const String& path) {
-  std::string native = toNative(path);
+  std::string native = toNativePath(path);
   char target[PATH_MAX + 1];
   ssize_t len = ::readlinkat(AT_FDCWD, native.c_str(), target, PATH_MAX);
   if (len < 0) fail("readlinkat", "readSymLink", errno);
@@ -459,7 +457,7 @@ String readSymLink(const String& path) {
 }
 
 void applyMetaChanges(const String& path, bool followLinks, const MetaChanges& changes) {
-  std::string native = toNative(path);
+  std::string native = toNativePath(path);
   int atFlags = followLinks ? 0 : AT_SYMLINK_NOFOLLOW;
   if (changes.setUnixMode || changes.setReadOnly) {
     struct stat st;
@@ -490,14 +488,14 @@ void applyMetaChanges(const String& path, bool followLinks, const MetaChanges& c
 }
 
 int64 getFreeSpace(const String& path) {
-  std::string native = toNative(path);
+  std::string native = toNativePath(path);
   struct statvfs sv;
   if (retryEINTR([&] { return ::statvfs(native.c_str(), &sv); }) != 0) fail("statvfs", "getFreeSpace", errno);
   return static_cast<int64>(sv.f_bavail) * static_cast<int64>(sv.f_frsize);
 }
 
 int64 getSectorSize(const String& path) {
-  std::string native = toNative(path);
+  std::string native = toNativePath(path);
   struct statvfs sv;
   if (retryEINTR([&] { return ::statvfs(native.c_str(), &sv); }) != 0) fail("statvfs", "getSectorSize", errno);
   return static_cast<int64>(sv.f_bsize);
@@ -506,7 +504,7 @@ int64 getSectorSize(const String& path) {
 String getVolumeRoot(const String& path) {
   // Walk up while the device stays the same: the last folder on it is the
   // mount point.
-  std::string current = toNative(path);
+  std::string current = toNativePath(path);
   struct stat st;
   if (::stat(current.c_str(), &st) != 0) fail("stat", "getVolumeRoot", errno);
   dev_t device = st.st_dev;
@@ -681,8 +679,8 @@ class CXattrStream : public CBase, public IIOStream {
 
 P<IIOStream> openSubDataStream(const CURI& uri, const String& path, const String& name,
                                Disposition disposition, bool readWrite, bool) {
-  std::string native = toNative(path);
-  std::string attr = "user." + toNative(name);
+  std::string native = toNativePath(path);
+  std::string attr = "user." + toNativePath(name);
   // The file must exist: attributes hang off it.
   struct stat st;
   if (::stat(native.c_str(), &st) != 0) fail("stat", "openSubDataStream", errno);
@@ -733,7 +731,7 @@ P<IIOStream> openSubDataStream(const CURI& uri, const String& path, const String
 }
 
 std::vector<unsigned char> readNativeMetaData(const String& path, bool followLinks) {
-  std::string native = toNative(path);
+  std::string native = toNativePath(path);
   auto list = [&](char* buffer, size_t size) {
     return followLinks ? ::listxattr(native.c_str(), buffer, size) : ::llistxattr(native.c_str(), buffer, size);
   };

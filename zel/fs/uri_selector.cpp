@@ -1,5 +1,8 @@
 #include "zel/fs/uri_selector.h"
 
+#include <cstddef>
+#include <iterator>
+
 #include "zel/stream/data_stream.h"
 
 namespace zel {
@@ -136,8 +139,12 @@ String CURISelector::getAuthority() const {
 bool CURISelector::matches(const CURI& uri) const { return matches(uri, nullptr); }
 
 bool CURISelector::matches(const CURI& uri, TArray<String>* remainder) const {
-  if (!m_set || uri.isEmpty()) return false;
-  CURI normalized = uri.toNormalized();
+  if (uri.isNormalized()) return matchesNormalized(uri, remainder);
+  return matchesNormalized(uri.toNormalized(), remainder);
+}
+
+bool CURISelector::matchesNormalized(const CURI& normalized, TArray<String>* remainder) const {
+  if (!m_set || normalized.isEmpty()) return false;
   if (!m_scheme.isEmpty() && normalized.getScheme() != m_scheme) return false;
   if (!m_anyAuthority) {
     if (normalized.getHost() != m_host || normalized.getPort() != m_port) return false;
@@ -145,12 +152,22 @@ bool CURISelector::matches(const CURI& uri, TArray<String>* remainder) const {
       return false;
     }
   }
+  bool matched = false;
+  if (matchesPlainPath(normalized.getPath(), remainder, matched)) return matched;
   // "." can only be left where normalising needs it to keep the text
   // unambiguous; it names nothing.
-  TArray<String> segments;
-  for (const String& segment : normalized.getSegments()) {
-    if (segment == L"..") return false;
-    if (segment != L".") segments.add(segment);
+  TArray<String> segments = normalized.getSegments();
+  const auto isDots = [](const String& segment, int count) {
+    return segment.getLength() == count && segment.safeAt(0) == L'.' &&
+           segment.safeAt(count - 1) == L'.';
+  };
+  for (size_t i = 0; i < segments.size();) {
+    if (isDots(segments[i], 2)) return false;
+    if (isDots(segments[i], 1)) {
+      segments.erase(segments.begin() + static_cast<std::ptrdiff_t>(i));
+    } else {
+      ++i;
+    }
   }
   size_t first = 0;
   if (!m_path.isEmpty()) {
@@ -168,8 +185,69 @@ bool CURISelector::matches(const CURI& uri, TArray<String>* remainder) const {
   if (remainder) {
     size_t end = segments.size();
     if (end > first && segments[end - 1].isEmpty()) --end;
-    remainder->assign(segments.begin() + first, segments.begin() + end);
+    remainder->assign(std::make_move_iterator(segments.begin() + static_cast<std::ptrdiff_t>(first)),
+                      std::make_move_iterator(segments.begin() + static_cast<std::ptrdiff_t>(end)));
   }
+  return true;
+}
+
+namespace {
+
+bool hasEscape(const wchar_t* text, int length) {
+  return std::char_traits<wchar_t>::find(text, static_cast<size_t>(length), L'%') != nullptr;
+}
+
+}  // namespace
+
+bool CURISelector::matchesPlainPath(const String& path, TArray<String>* remainder,
+                                    bool& matched) const {
+  const wchar_t* p = path.toWChar();
+  const int n = path.getLength();
+  const wchar_t* own = m_path.toWChar();
+  const int ownLength = m_path.getLength();
+  if (!m_pathCaseSensitive || hasEscape(p, n) ||
+      (ownLength > 0 && (own[0] != L'/' || hasEscape(own, ownLength)))) {
+    return false;
+  }
+  // ".." never matches; "." is left to the general way.
+  for (int start = (n > 0 && p[0] == L'/') ? 1 : 0; start <= n;) {
+    int end = start;
+    while (end < n && p[end] != L'/') ++end;
+    if (end - start == 2 && p[start] == L'.' && p[start + 1] == L'.') {
+      matched = false;
+      return true;
+    }
+    if (end - start == 1 && p[start] == L'.') return false;
+    start = end + 1;
+  }
+  // Without escapes the texts are their decoded segments: the path must be
+  // the selector's or continue it with "/" ("/" itself: any absolute path).
+  int first = n > 0 && p[0] == L'/' ? 1 : 0;
+  if (ownLength > 0) {
+    if (n == 0 || p[0] != L'/') {
+      matched = false;
+      return true;
+    }
+    if (ownLength > 1) {
+      if (n < ownLength || std::char_traits<wchar_t>::compare(p, own, ownLength) != 0 ||
+          (n > ownLength && p[ownLength] != L'/')) {
+        matched = false;
+        return true;
+      }
+      first = n > ownLength ? ownLength + 1 : n;
+    }
+  }
+  if (remainder) {
+    remainder->clear();
+    // A trailing empty segment is dropped.
+    for (int start = first; start < n;) {
+      int end = start;
+      while (end < n && p[end] != L'/') ++end;
+      if (end < n || end > start) remainder->add(String(p + start, static_cast<size_t>(end - start)));
+      start = end + 1;
+    }
+  }
+  matched = true;
   return true;
 }
 

@@ -86,6 +86,10 @@ class ZEL_API CURISelector {
   // decoded segments after the selector's path (a trailing empty segment
   // dropped), the whole path for a selector without a path.
   bool matches(const CURI& uri, TArray<String>* remainder) const;
+  // As matches(uri, remainder) for a URI that is normalised already (made by
+  // CURI::toNormalized, or one whose CURI::isNormalized was true), which
+  // saves looking at it once more.
+  bool matchesNormalized(const CURI& normalized, TArray<String>* remainder) const;
 
   // A readable form for logs: "*" stands for any scheme or authority, and
   // " (path without case)" is added for case-insensitive selectors.
@@ -100,6 +104,12 @@ class ZEL_API CURISelector {
  private:
   void setAuthority(const CURI& uri);
   void setPath(const CURI& uri);
+  // The path test of matches() where no escape makes a difference (a
+  // case-sensitive selector, both paths without escapes, the selector's
+  // absolute or empty): the texts are compared where they stand and only
+  // the remainder is cut into segments. False when the general way must
+  // decide; otherwise matched holds the answer.
+  bool matchesPlainPath(const String& path, TArray<String>* remainder, bool& matched) const;
 
   bool m_set = false;
   bool m_pathCaseSensitive = true;

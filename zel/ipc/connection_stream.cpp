@@ -84,6 +84,21 @@ int CConnectionInStream::readLax(void* buffer, int bytes) {
   return done;
 }
 
+void CConnectionInStream::readWithoutReadAhead(void* buffer, int bytes) {
+  checkOpen();
+  checkCount(bytes, buffer, "CConnectionInStream::readWithoutReadAhead");
+  if (bytes <= 0) return;
+  char* out = static_cast<char*>(buffer);
+  int done = takeBuffered(out, bytes);
+  while (done < bytes) {
+    const int got = receive(out + done, bytes - done, true);
+    if (got <= 0) break;
+    done += got;
+  }
+  m_position += done;
+  if (done < bytes) throw CIOError(CIOError::UnexpectedEnd);
+}
+
 int CConnectionInStream::readAvailable(void* buffer, int bytes) {
   checkOpen();
   checkCount(bytes, buffer, "CConnectionInStream::readAvailable");

@@ -12,7 +12,10 @@
 // kSmallReadBuffer bytes receives whatever is there (up to that size) into a
 // small buffer, so a frame's length field and a short payload that arrived
 // together cost one system call; larger reads go straight into the caller's
-// buffer, so bulk data is never copied twice.
+// buffer, so bulk data is never copied twice. readWithoutReadAhead() reads a
+// header that bulk data follows without taking any of that data: the bulk
+// read then receives all of it, from its first byte, into the caller's
+// buffer (whose alignment then matches the sender's).
 //
 // Writing offers two optional paths for senders of large frames: a gather
 // write (a frame's header and its bulk tail from two buffers in one system
@@ -45,6 +48,8 @@ class ZEL_API CConnectionInStream : public CBase, public IInStream {
   // Reads exactly bytes; an end of the connection before that is CIOError
   // UnexpectedEnd.
   void read(void* buffer, int bytes) override;
+  // As read(), but receives nothing beyond the bytes asked for (see above).
+  void readWithoutReadAhead(void* buffer, int bytes);
   int readLax(void* buffer, int bytes) override;
   int readAvailable(void* buffer, int bytes) override;
   bool waitReadable(int timeout) const override;

@@ -25,6 +25,10 @@
 //   - Closing only the in-stream shuts down reading (the other end's writes
 //     then fail), closing only the out-stream shuts down writing (the other
 //     end's reads end).
+//   - Bulk transfers: every connection asks for a send buffer of
+//     kSendBufferBytes (the system caps it at net.core.wmem_max), and after
+//     a send of kBulkSendBytes or more the next blocking read waits in poll
+//     for data first; both spare wake-ups (see unix_socket_posix.cpp).
 //   - getPeerProcessID: SO_PEERCRED, the process that connected or listened;
 //     failures raise with action "CUnixSocketConnection::getPeerProcessID"
 //     and property "handle" (the descriptor).
@@ -86,6 +90,10 @@ class ZEL_API CUnixSocketConnection : public CBase, public IConnection {
 
   const String& getPath() const { return m_path; }
   bool isServerEnd() const { return m_serverEnd; }
+
+  // See "Bulk transfers" above.
+  static constexpr int kSendBufferBytes = 4 * 1024 * 1024;
+  static constexpr int64 kBulkSendBytes = 64 * 1024;
 
   // Whether a per-user server lets a peer of peerUserID in; throws the
   // refusal described above when not. Global servers let everyone in.

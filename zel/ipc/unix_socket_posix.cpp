@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <climits>
@@ -160,17 +161,52 @@ class CSigPipeBlock {
 
 // One connected socket, shared by a connection and its two streams; the
 // descriptor is closed when the last of them is gone.
+//
+// Bulk transfers (the reply to a proxy read of a megabyte) shape two
+// choices, both about sleeping less: on a machine with several CPUs each
+// sleep of one end is a wake-up of another CPU, which on a virtual machine
+// can take longer than copying the data.
+//   - The send buffer asks for CUnixSocketConnection::kSendBufferBytes (the
+//     system caps what it grants at net.core.wmem_max): a reply of a
+//     megabyte is queued whole, rather than the sender sleeping each time the
+//     reader has to make room.
+//   - A Unix socket has one wait queue for both directions: a reader blocked
+//     in recv is woken whenever the other end frees a buffer of what this
+//     end sent, finds nothing and sleeps again - a dozen times while a
+//     megabyte is taken. So after a bulk send (kBulkSendBytes or more) the
+//     next blocking receive first waits in poll for POLLIN, which wakes for
+//     data or the end only; after small sends, the common request and
+//     response, it costs nothing.
 class CUnixSocket : public CBase {
  public:
-  explicit CUnixSocket(int fd) : m_fd(fd) {}
+  explicit CUnixSocket(int fd) : m_fd(fd) {
+    // Best effort: the default size works too, only slower.
+    const int size = CUnixSocketConnection::kSendBufferBytes;
+    ::setsockopt(m_fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));
+  }
   ~CUnixSocket() override { ::close(m_fd); }
 
   int fd() const { return m_fd; }
   // ENOTCONN (the peer is gone already) and repeated calls are harmless.
   void shutdown(int how) { ::shutdown(m_fd, how); }
 
+  // Records a send of bytes (see above).
+  void noteSent(int64 bytes) {
+    if (bytes >= CUnixSocketConnection::kBulkSendBytes) {
+      m_bulkSent.store(true, std::memory_order_relaxed);
+    }
+  }
+  // Whether a bulk send happened since the last call.
+  bool takeBulkSent() {
+    return m_bulkSent.load(std::memory_order_relaxed) &&
+           m_bulkSent.exchange(false, std::memory_order_relaxed);
+  }
+
  private:
   const int m_fd;
+  // Written by the out-stream, taken by the in-stream: atomic, since the
+  // two may be used on two threads.
+  std::atomic<bool> m_bulkSent{false};
 };
 
 class CUnixSocketInStream : public CConnectionInStream {
@@ -180,6 +216,7 @@ class CUnixSocketInStream : public CConnectionInStream {
 
  protected:
   int receive(void* buffer, int bytes, bool wait) override {
+    if (wait && m_socket->takeBulkSent()) waitForData();
     for (;;) {
       const ssize_t got = ::recv(m_socket->fd(), buffer, static_cast<size_t>(bytes),
                                  wait ? 0 : MSG_DONTWAIT);
@@ -219,6 +256,14 @@ class CUnixSocketInStream : public CConnectionInStream {
   void closeTransport() override { m_socket->shutdown(SHUT_RD); }
 
  private:
+  // Waits until data, the end or an error is there (see CUnixSocket).
+  void waitForData() const {
+    pollfd entry{m_socket->fd(), POLLIN, 0};
+    while (::poll(&entry, 1, -1) < 0) {
+      if (errno != EINTR) throwReadError(errno, "poll");
+    }
+  }
+
   [[noreturn]] void throwReadError(int code, const char* func) const {
     CError cause(getSysErrorMessage(code), CError::sysErrorDomain(), code,
                  sysParams(func, "CUnixSocketConnection::read", m_path));
@@ -238,6 +283,7 @@ class CUnixSocketOutStream : public CConnectionOutStream {
 
  protected:
   void send(const void* buffer, int bytes) override {
+    m_socket->noteSent(bytes);
     const char* data = static_cast<const char*>(buffer);
     size_t left = static_cast<size_t>(bytes);
     while (left > 0) {
@@ -254,6 +300,7 @@ class CUnixSocketOutStream : public CConnectionOutStream {
 
   void sendGather(const void* first, int firstBytes, const void* second,
                   int secondBytes) override {
+    m_socket->noteSent(static_cast<int64>(firstBytes) + secondBytes);
     iovec parts[2] = {{const_cast<void*>(first), static_cast<size_t>(firstBytes)},
                       {const_cast<void*>(second), static_cast<size_t>(secondBytes)}};
     iovec* next = parts;
@@ -284,6 +331,7 @@ class CUnixSocketOutStream : public CConnectionOutStream {
   bool canSendFromFile() const override { return true; }
 
   int64 sendFile(int64 fileHandle, int64 offset, int64 count) override {
+    m_socket->noteSent(count);
     off_t position = static_cast<off_t>(offset);
     int64 sent = 0;
     CSigPipeBlock block;

@@ -1,5 +1,6 @@
 #include "zel/path/uri.h"
 
+#include <algorithm>
 #include <string>
 #include <tuple>
 
@@ -49,6 +50,28 @@ bool isPChar(wchar_t c) { return isUnreserved(c) || isSubDelim(c) || c == L':' |
 
 // Which characters a component may hold as they stand (escapes aside).
 enum class Part { UserInfo, Host, Path, QueryOrFragment, Segment };
+
+// The ASCII characters a part may hold as they stand, as a bit per
+// character: the fast path of parse() tests every character of a URI.
+struct CAllowedSet {
+  uint64 bits[2] = {0, 0};
+  bool has(wchar_t c) const {
+    const uint32 code = static_cast<uint32>(c);
+    return code < 0x80 && ((bits[code >> 6] >> (code & 63)) & 1) != 0;
+  }
+};
+
+bool isAllowed(Part part, wchar_t c);
+
+CAllowedSet allowedSet(Part part) {
+  CAllowedSet set;
+  for (uint32 c = 0; c < 0x80; ++c) {
+    if (c != L'%' && isAllowed(part, static_cast<wchar_t>(c))) {
+      set.bits[c >> 6] |= uint64{1} << (c & 63);
+    }
+  }
+  return set;
+}
 
 bool isAllowed(Part part, wchar_t c) {
   switch (part) {
@@ -258,26 +281,31 @@ TArray<WStr> splitPath(const WStr& path) {
 
 // Whether normalising text would leave it as it is: no escapes to rewrite and,
 // with lowerCase, no upper-case letters.
-bool isNormalText(const wxString& text, bool lowerCase) {
-  for (wxString::const_iterator it = text.begin(); it != text.end(); ++it) {
-    const wxUniChar c = *it;
+bool isNormalText(const String& text, bool lowerCase) {
+  const wchar_t* p = text.toWChar();
+  const int n = text.getLength();
+  for (int i = 0; i < n; ++i) {
+    const wchar_t c = p[i];
     if (c == L'%') return false;
     if (lowerCase && c >= L'A' && c <= L'Z') return false;
   }
   return true;
 }
 
-// Whether dropping "." segments and re-joining would leave path as it is.
-bool hasDotSegment(const wxString& path) {
-  const size_t n = path.length();
-  size_t start = 0;
-  for (size_t i = 0; i <= n; ++i) {
-    if (i == n || path[i] == L'/') {
-      if (i == start + 1 && path[start] == L'.') return true;
+// isNormalText(path, false), and no "." segment to drop.
+bool isNormalPath(const String& path) {
+  const wchar_t* p = path.toWChar();
+  const int n = path.getLength();
+  int start = 0;
+  for (int i = 0; i < n; ++i) {
+    const wchar_t c = p[i];
+    if (c == L'%') return false;
+    if (c == L'/') {
+      if (i == start + 1 && p[start] == L'.') return false;
       start = i + 1;
     }
   }
-  return false;
+  return !(n == start + 1 && p[start] == L'.');
 }
 
 // The path with one trailing empty segment dropped (not the root's).
@@ -292,11 +320,47 @@ bool isLocalHost(const String& host) {
 
 }  // namespace
 
-CURI::CURI(const String& text) { *this = parse(text); }
+CURI::CURI(const String& text) {
+  if (!parsePlain(text, *this)) *this = parse(text);
+}
+
+bool CURI::parsePlain(const String& text, CURI& uri) {
+  const wchar_t* s = text.toWChar();
+  const size_t n = static_cast<size_t>(text.getLength());
+  size_t colon = 0;
+  while (colon < n && s[colon] != L':') {
+    const wchar_t c = s[colon];
+    if (!(isAlpha(c) || (colon > 0 && (isDigit(c) || c == L'+' || c == L'-' || c == L'.')))) {
+      return false;
+    }
+    ++colon;
+  }
+  if (colon == n || colon < 2) return false;
+  static const CAllowedSet kHost = allowedSet(Part::Host);
+  static const CAllowedSet kPath = allowedSet(Part::Path);
+  size_t pathStart = colon + 1;
+  const bool authority = n - pathStart >= 2 && s[pathStart] == L'/' && s[pathStart + 1] == L'/';
+  if (authority) {
+    pathStart += 2;
+    while (pathStart < n && s[pathStart] != L'/') {
+      if (!kHost.has(s[pathStart])) return false;
+      ++pathStart;
+    }
+  }
+  for (size_t i = pathStart; i < n; ++i) {
+    if (!kPath.has(s[i])) return false;
+  }
+  uri.m_scheme = String(s, colon);
+  uri.m_hasAuthority = authority;
+  if (authority && pathStart > colon + 3) uri.m_host = String(s + colon + 3, pathStart - colon - 3);
+  uri.m_path = String(s + pathStart, n - pathStart);
+  return true;
+}
 
 CURI CURI::parse(const String& text) {
   CURI uri;
   if (text.isEmpty()) return uri;
+  if (parsePlain(text, uri)) return uri;
   WStr s = text.toStdWString();
 
   size_t colon = s.find(L':');
@@ -424,19 +488,19 @@ String CURI::toString(bool escaped) const {
   return String(out);
 }
 
+bool CURI::isNormalized() const {
+  return isEmpty() ||
+         (isNormalText(m_scheme, true) && isNormalText(m_host, true) &&
+          isNormalText(m_userInfo, false) && isNormalText(m_query, false) &&
+          isNormalText(m_fragment, false) && isNormalPath(m_path) &&
+          (m_hasAuthority || !(m_path.safeAt(0) == L'/' && m_path.safeAt(1) == L'/')));
+}
+
 CURI CURI::toNormalized() const {
   CURI uri(*this);
-  if (isEmpty()) return uri;
   // Most URIs arrive normalised already (every server request does): answer
   // those without rebuilding each part.
-  const wxString& rawPath = m_path.getWxString();
-  if (isNormalText(m_scheme.getWxString(), true) && isNormalText(m_host.getWxString(), true) &&
-      isNormalText(m_userInfo.getWxString(), false) && isNormalText(m_query.getWxString(), false) &&
-      isNormalText(m_fragment.getWxString(), false) && isNormalText(rawPath, false) &&
-      !hasDotSegment(rawPath) &&
-      (m_hasAuthority || !(rawPath.length() >= 2 && rawPath[0] == L'/' && rawPath[1] == L'/'))) {
-    return uri;
-  }
+  if (isNormalized()) return uri;
   uri.m_scheme = String(normalizeEscapes(m_scheme.toStdWString(), true));
   uri.m_userInfo = String(normalizeEscapes(m_userInfo.toStdWString(), false));
   uri.m_host = String(normalizeEscapes(m_host.toStdWString(), true));
@@ -477,6 +541,21 @@ String CURI::getDecodedFragment() const { return unescape(m_fragment); }
 
 TArray<String> CURI::getSegments() const {
   TArray<String> out;
+  const wchar_t* path = m_path.toWChar();
+  const int length = m_path.getLength();
+  if (std::char_traits<wchar_t>::find(path, static_cast<size_t>(length), L'%') == nullptr) {
+    // Nothing to decode: the segments are cut straight from the path.
+    if (length == 0) return out;
+    int start = path[0] == L'/' ? 1 : 0;
+    out.reserve(static_cast<size_t>(1 + std::count(path + start, path + length, L'/')));
+    for (;;) {
+      int end = start;
+      while (end < length && path[end] != L'/') ++end;
+      out.add(String(path + start, static_cast<size_t>(end - start)));
+      if (end == length) return out;
+      start = end + 1;
+    }
+  }
   for (const WStr& segment : splitPath(m_path.toStdWString())) {
     out.add(String(unescapeText(segment)));
   }

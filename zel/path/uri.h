@@ -93,6 +93,12 @@ class ZEL_API CURI {
 
   String toString(bool escaped = true) const;
   CURI toNormalized() const;
+  // True when the URI is normal as it stands - no escapes, no "."
+  // segments, no upper case in scheme and host - so that toNormalized()
+  // gives it unchanged; a scan of its parts, without a copy. False does not
+  // mean that normalising changes it: escapes are not looked into, and a "."
+  // that normalising keeps ("urn:/.//a") counts as well.
+  bool isNormalized() const;
 
   // The scheme as written (no ":").
   const String& getScheme() const { return m_scheme; }
@@ -149,6 +155,14 @@ class ZEL_API CURI {
   bool operator<(const CURI& other) const;
 
  private:
+  // The common case of parse(), and the form of every URI a client sends: a
+  // scheme, then (after an optional authority of a plain host) a path of
+  // characters that stand as they are - no escapes, query, fragment, user
+  // info, port or IP literal. Such text is its own escaped form, so its parts
+  // are taken as they stand. False (uri untouched) for anything else, which
+  // the general parser handles.
+  static bool parsePlain(const String& text, CURI& uri);
+
   String m_scheme;
   bool m_hasAuthority = false;
   bool m_hasUserInfo = false;

@@ -231,6 +231,48 @@ TEST(URITest, NormalTextsStayAndNearMissesStillNormalise) {
   EXPECT_EQ(String("ss://%C3%A9@h/a"), uri("ss://%c3%a9@h/a").toNormalized().toString());
 }
 
+TEST(URITest, IsNormalizedTellsWhenNormalisingChangesNothing) {
+  for (const char* text : {"file:///srv/a/b.txt", "file:///a//b/", "ss://u@h:1/a/..b?q#f", "ss:/",
+                           "ss:a/b", "ss://h", "ss://h/.../..a", "ss://h/a/../b"}) {
+    EXPECT_TRUE(uri(text).isNormalized()) << text;
+  }
+  for (const char* text : {"ss://h/a/.", "ss://h/./a/b", "ss:./a", "ss:.", "sS://h/a", "ss://hH/a",
+                           "ss://h/%7e", "ss://h/a?%7E#%7e", "ss://%c3%a9@h/a"}) {
+    EXPECT_FALSE(uri(text).isNormalized()) << text;
+  }
+  // Normal escapes, and a "." that normalising keeps, answer false as well.
+  EXPECT_FALSE(uri("ss://h/%C3%A9").isNormalized());
+  EXPECT_FALSE(uri("ss:/.//a").isNormalized());
+  EXPECT_TRUE(CURI().isNormalized());
+}
+
+TEST(URITest, PlainTextsAreTheirOwnEscapedForm) {
+  const CURI file = uri("file:///srv/x-y_z~!$&'()*+,;=:@.txt/");
+  EXPECT_EQ(String("file"), file.getScheme());
+  EXPECT_TRUE(file.hasAuthority());
+  EXPECT_EQ(String(""), file.getHost());
+  EXPECT_EQ(String("/srv/x-y_z~!$&'()*+,;=:@.txt/"), file.getPath());
+  EXPECT_EQ(String("file:///srv/x-y_z~!$&'()*+,;=:@.txt/"), file.toString());
+  const CURI host = uri("Smb://Host.Example/share");
+  EXPECT_EQ(String("Smb"), host.getScheme());
+  EXPECT_EQ(String("Host.Example"), host.getHost());
+  EXPECT_EQ(String("/share"), host.getPath());
+  const CURI urn = uri("urn:isbn:0451450523");
+  EXPECT_FALSE(urn.hasAuthority());
+  EXPECT_EQ(String("isbn:0451450523"), urn.getPath());
+  EXPECT_TRUE(uri("file://").hasAuthority());
+  EXPECT_EQ(String(""), uri("file://").getPath());
+  EXPECT_FALSE(uri("file:").hasAuthority());
+  // One character more and the text is taken apart the general way.
+  EXPECT_EQ(String("/a%20b"), uri("file:///a b").getPath());
+  EXPECT_EQ(8, uri("ss://h:8/x").getPort());
+  EXPECT_EQ(String("u"), uri("ss://u@h/x").getUserInfo());
+  EXPECT_EQ(String("q"), uri("ss://h/x?q").getQuery());
+  EXPECT_THROW(uri("ss://h:p/x"), CURIMalformedError);
+  EXPECT_THROW(uri("s:/x"), CURIMalformedError);
+  EXPECT_THROW(uri("1s:/x"), CURIMalformedError);
+}
+
 TEST(URITest, ComparisonAndOrdering) {
   EXPECT_EQ(uri("ss://h/a"), uri("ss://h/a"));
   EXPECT_NE(uri("ss://h/a"), uri("ss://H/a"));

@@ -10,6 +10,7 @@
 #include "zel/fs/open_mode.h"
 #include "zel/fs/proxy/proxy_file_system_objects.h"
 #include "zel/fs/proxy/proxy_message.h"
+#include "zel/ipc/connection_stream.h"
 #include "zel/log/xml_log.h"
 #include "zel/stream/stored_error.h"
 
@@ -129,6 +130,7 @@ CProxyFileSystem::CProxyFileSystem(IConnection* connection) {
   if (!m_in || !m_out) {
     throw CInvalidArgError("CProxyFileSystem::CProxyFileSystem", "The connection has no streams.");
   }
+  m_connectionIn = dynamic_cast<CConnectionInStream*>(m_in.get());
   m_requestBuffer = createObject<Buffer>();
   m_requestStream = createObject<CBufferStream>(m_requestBuffer);
   m_requestOut = createObject<CDataOutStream>(m_requestStream.get());
@@ -179,9 +181,26 @@ void CProxyFileSystem::readResponsePayload(const unsigned char* prefix, int pref
   m_responseStream->seek(0);
 }
 
+void CProxyFileSystem::readHead(void* buffer, int bytes) {
+  if (m_connectionIn) {
+    m_connectionIn->readWithoutReadAhead(buffer, bytes);
+  } else {
+    m_in->read(buffer, bytes);
+  }
+}
+
 int CProxyFileSystem::receiveFrame(void* bulkTarget, int bulkCapacity, int& bulkCount) {
   try {
-    const int length = CProxyFileSystemMessage::readFrameLength(*m_in);
+    int length = 0;
+    if (bulkTarget) {
+      // The bytes of a read result follow: nothing of them is taken with
+      // the head, so that all of them arrive straight in the caller's buffer.
+      unsigned char field[kFrameHeader];
+      readHead(field, kFrameHeader);
+      length = CProxyFileSystemMessage::decodeFrameLength(field);
+    } else {
+      length = CProxyFileSystemMessage::readFrameLength(*m_in);
+    }
     if (length < 4) {
       throw CIOError(CIOError::InvalidData, "Proxy filesystem response without a response type");
     }
@@ -193,7 +212,7 @@ int CProxyFileSystem::receiveFrame(void* bulkTarget, int bulkCapacity, int& bulk
     // the caller. Any other answer is read whole and handled as usual.
     unsigned char head[8];
     const int headBytes = std::min(length, 8);
-    m_in->read(head, headBytes);
+    readHead(head, headBytes);
     const int type = getInt32(head);
     if (type != ResponseResult) {
       readResponsePayload(head + 4, headBytes - 4, length - headBytes);

@@ -18,7 +18,9 @@
 // sent with one write() (streamWrite: the header fields, then the caller's
 // bytes as they are); the response is read into one reused buffer, except
 // the bytes of streamReadLax and streamReadAvailable, which go straight from
-// the connection into the caller's buffer. Reads and writes larger than
+// the connection into the caller's buffer, all of them: the head before them
+// is read without read-ahead, so that a page-aligned buffer receives the
+// bytes as aligned as the server sends them. Reads and writes larger than
 // kMaxDataChunk are split into several requests.
 //
 // Errors: an error response is thrown as a CFileSystemError that carries the
@@ -98,6 +100,7 @@
 namespace zel {
 
 class CBackgroundOpThread;
+class CConnectionInStream;
 
 class ZEL_API CProxyFileSystem : public CBase, public CProxyFileSystemBase, public IFileSystem {
  public:
@@ -231,6 +234,9 @@ class ZEL_API CProxyFileSystem : public CBase, public CProxyFileSystemBase, publ
   // result, the count goes to bulkCount and the bytes to bulkTarget;
   // otherwise the rest of the payload is in the response buffer.
   int receiveFrame(void* bulkTarget, int bulkCapacity, int& bulkCount);
+  // Reads exactly bytes of the head of a frame whose bulk bytes follow,
+  // taking none of those along (CConnectionInStream::readWithoutReadAhead).
+  void readHead(void* buffer, int bytes);
   void answerGetLoginInfo();
   void answerUpdateLoginInfo();
   // Records the first failure, closes the connection and wakes the polling
@@ -271,6 +277,7 @@ class ZEL_API CProxyFileSystem : public CBase, public CProxyFileSystemBase, publ
   P<IConnection> m_connection;
   P<IInStream> m_in;
   P<IOutStream> m_out;
+  CConnectionInStream* m_connectionIn = nullptr;  // m_in, when it is one
 
   // The connection lock: one call at a time. Recursive, so that a call made
   // from inside a call can be detected (m_callDepth) rather than deadlock.

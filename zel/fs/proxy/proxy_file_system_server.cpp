@@ -3,11 +3,14 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <typeinfo>
 #include <utility>
 
 #include "zel/core/error.h"
+#include "zel/fs/local_file_system.h"
 #include "zel/fs/native_file_source.h"
 #include "zel/ipc/connection_stream.h"
 #include "zel/log/xml_log.h"
@@ -30,6 +33,7 @@ const char* const CProxyFileSystemServer::CLoginManager::kUnexpectedAnswerMessag
     "ResponseGetLoginInfo: ";
 
 using Target = CShareConfinement::Target;
+using Found = CShareConfinement::Found;
 
 namespace {
 
@@ -165,6 +169,8 @@ struct CProxyFileSystemServer::CShare : public CBase {
   // A rebasing share's mapping, where its selector names one prefix; made
   // for each request otherwise (from the URI the client used).
   P<CShareMapping> mapping;
+  // The confinement check answers the existence checks (see the header).
+  bool existenceFromConfinement = false;
 };
 
 namespace {
@@ -349,6 +355,13 @@ void CProxyFileSystemServer::addShareInternal(const CURISelector& selector, IFil
       // Not a folder of the local disk: confined by URIs alone.
     }
   }
+  // The local file system itself (a class derived from it may answer
+  // otherwise) reaches the very entry that the check resolves: the root and
+  // the remainder, which for an identity share holds the client's spelling
+  // of the whole path only when the selector compares with case.
+  share->existenceFromConfinement = share->confinement &&
+                                    typeid(*fileSystem) == typeid(CFileSystem) &&
+                                    (rebase || selector.isPathCaseSensitive());
   if (rebase) {
     const CURI prefix = CShareMapping::prefixOf(selector);
     if (!prefix.isEmpty()) {
@@ -512,6 +525,7 @@ void CProxyFileSystemServer::handleInto(CProxyFileSystemMessage& request,
   m_requestReported.clear();
   m_requestMappings.clear();
   m_requestClientTexts.clear();
+  m_requestClientURIs.clear();
   try {
     P<CDataOutStream> out = response.clearAndOpenOutStream();
     m_responseStart = out->getPosition();
@@ -548,6 +562,7 @@ void CProxyFileSystemServer::handleInto(CProxyFileSystemMessage& request,
   m_requestReported.clear();
   m_requestMappings.clear();
   m_requestClientTexts.clear();
+  m_requestClientURIs.clear();
 }
 
 void CProxyFileSystemServer::failRequest(CProxyFileSystemMessage& response, std::exception& e) {
@@ -676,57 +691,75 @@ void CProxyFileSystemServer::validateAndSecurePath(String& path, bool backslashI
     }
     path = String(text);
   }
-  const std::wstring text = path.toStdWString();
-  if (text.find(L'\0') != std::wstring::npos) throwInvalidPath(path);
+  vetPath(path);
+}
+
+void CProxyFileSystemServer::vetPath(const String& path) {
+  // One pass over the text where it stands: every request's path comes here.
   // An empty name between separators, or a name of dots and blanks only
   // (other than "."), is refused; that also covers every ".." name.
-  const std::wstring_view view(text);
-  size_t start = 0;
-  for (;;) {
-    const size_t end = view.find(L'/', start);
-    const std::wstring_view segment =
-        view.substr(start, end == std::wstring_view::npos ? std::wstring_view::npos : end - start);
-    const bool first = start == 0;
-    const bool last = end == std::wstring_view::npos;
-    if (segment.empty()) {
-      if (!first && !last) throwInvalidPath(path);
-    } else if (segment != L"." && segment.find_first_not_of(L". ") == std::wstring_view::npos) {
+  const wchar_t* text = path.toWChar();
+  const int length = path.getLength();
+  int start = 0;
+  bool dotsAndBlanks = true;
+  for (int i = 0; i <= length; ++i) {
+    const wchar_t c = i < length ? text[i] : L'/';
+    if (c == L'\0') throwInvalidPath(path);
+    if (c != L'/') {
+      dotsAndBlanks = dotsAndBlanks && (c == L'.' || c == L' ');
+      continue;
+    }
+    const int size = i - start;
+    if (size == 0) {
+      if (start != 0 && i != length) throwInvalidPath(path);
+    } else if (dotsAndBlanks && !(size == 1 && text[start] == L'.')) {
       throwInvalidPath(path);
     }
-    if (last) break;
-    start = end + 1;
+    start = i + 1;
+    dotsAndBlanks = true;
   }
 }
 
 CProxyFileSystemServer::TargetLoc CProxyFileSystemServer::readAndConvertAbsoluteURI(
     CDataInStream& in) {
-  const String text = in.readString();
-  m_requestClientTexts.add(text);
-  return convertAbsoluteURI(CURI(text));
+  // The client's own text, which errors may quote back to it (isClientText
+  // works out the forms of its URI only when asked).
+  m_requestClientTexts.add(in.readString());
+  return resolveURI(CURI(m_requestClientTexts.back()));
 }
 
 CProxyFileSystemServer::TargetLoc CProxyFileSystemServer::convertAbsoluteURI(const CURI& uri) {
-  const CURI normalized = uri.toNormalized();
-  String path = normalized.getDecodedPath();
-  // The client's own texts, which errors may quote back to it.
-  m_requestClientTexts.add(normalized.toString(true));
-  m_requestClientTexts.add(path);
-  if (kBackslashIsSeparator) m_requestClientTexts.add(path.cloneReplace("\\", "/"));
-  validateAndSecurePath(path, kBackslashIsSeparator);
+  m_requestClientURIs.add(uri);
+  return resolveURI(uri);
+}
+
+CProxyFileSystemServer::TargetLoc CProxyFileSystemServer::resolveURI(CURI uri) {
+  if (!uri.isNormalized()) uri = uri.toNormalized();
+  const CURI& normalized = uri;
+  // Without escapes the decoded path is the stored one, vetted where it
+  // stands (Windows rewrites its separators, so it vets a copy).
+  const String& stored = normalized.getPath();
+  String decoded;
+  if (kBackslashIsSeparator || stored.getWxString().find(L'%') != wxString::npos) {
+    decoded = normalized.getDecodedPath();
+    validateAndSecurePath(decoded, kBackslashIsSeparator);
+  } else {
+    vetPath(stored);
+  }
+  const String& path = decoded.isEmpty() ? stored : decoded;
+  TargetLoc loc;
   for (int i = 0; i < m_shares.getCount(); ++i) {
     const CShare& share = *m_shares[i];
-    TargetLoc loc;
-    if (!share.selector.matches(normalized, &loc.remainder)) continue;
+    if (!share.selector.matchesNormalized(normalized, &loc.remainder)) continue;
     for (const String& segment : loc.remainder) {
       // An escaped separator would split into two names on the disk.
-      const std::wstring name = segment.toStdWString();
-      if (name.find(L'/') != std::wstring::npos || name.find(L'\0') != std::wstring::npos ||
-          (kBackslashIsSeparator && name.find(L'\\') != std::wstring::npos)) {
+      const std::wstring_view name(segment.toWChar(), static_cast<size_t>(segment.getLength()));
+      if (name.find(L'/') != name.npos || name.find(L'\0') != name.npos ||
+          (kBackslashIsSeparator && name.find(L'\\') != name.npos)) {
         throwInvalidPath(path);
       }
     }
     loc.fileSystem = share.fileSystem;
-    loc.clientURI = normalized;
     loc.shareIndex = i;
     if (share.rebase) {
       loc.uri = share.root.append(loc.remainder);
@@ -739,7 +772,8 @@ CProxyFileSystemServer::TargetLoc CProxyFileSystemServer::convertAbsoluteURI(con
       }
       noteMapping(loc.mapping);
     } else {
-      loc.uri = normalized;
+      // The URI is not needed any more: the location takes it over.
+      loc.uri = std::move(uri);
     }
     return loc;
   }
@@ -813,6 +847,28 @@ P<IFileInfoBase> CProxyFileSystemServer::clientInfo(const TargetLoc& loc,
   return copy;
 }
 
+bool CProxyFileSystemServer::isClientText(const String& value) const {
+  if (m_requestClientTexts.indexOf(value) >= 0) return true;
+  // The normalised text and the decoded path of each URI the client named.
+  auto isFormOf = [&](const CURI& uri) {
+    const CURI normalized = uri.toNormalized();
+    if (value == normalized.toString(true)) return true;
+    const String path = normalized.getDecodedPath();
+    return value == path || (kBackslashIsSeparator && value == path.cloneReplace("\\", "/"));
+  };
+  for (const CURI& uri : m_requestClientURIs) {
+    if (isFormOf(uri)) return true;
+  }
+  for (const String& text : m_requestClientTexts) {
+    try {
+      if (isFormOf(CURI(text))) return true;
+    } catch (const CError&) {
+      // Not a URI: the text itself was compared above.
+    }
+  }
+  return false;
+}
+
 P<CError> CProxyFileSystemServer::clientError(const CError& error,
                                               const TArray<P<CShareMapping>>& mappings) const {
   auto map = [&](const String& text, bool& replaced) {
@@ -828,7 +884,7 @@ P<CError> CProxyFileSystemServer::clientError(const CError& error,
   // A server location the client must not see: not mapped, not its own text,
   // and either a native absolute path or a URI outside every share.
   auto namesServerLocation = [&](const String& value) {
-    if (m_requestClientTexts.indexOf(value) >= 0) return false;
+    if (isClientText(value)) return false;
     if (looksLikeNativeAbsolutePath(value)) return true;
     try {
       const CURI uri = CURI::parse(value);
@@ -861,6 +917,18 @@ CProxyFileSystemServer::TargetLoc CProxyFileSystemServer::readTarget(CDataInStre
                                                                      Target target) {
   TargetLoc loc = readAndConvertAbsoluteURI(in);
   confine(loc, target);
+  return loc;
+}
+
+CProxyFileSystemServer::TargetLoc CProxyFileSystemServer::readExistenceTarget(CDataInStream& in,
+                                                                              Found& found) {
+  TargetLoc loc = readAndConvertAbsoluteURI(in);
+  const CShare& share = *m_shares.getAt(loc.shareIndex);
+  found = CShareConfinement::FoundUnknown;
+  if (share.confinement) {
+    share.confinement->check(loc.remainder, CShareConfinement::FollowLinks,
+                             share.existenceFromConfinement ? &found : nullptr);
+  }
   return loc;
 }
 
@@ -1055,20 +1123,28 @@ void CProxyFileSystemServer::handler_ensureFileExists(CProxyFileSystemServer& se
 
 void CProxyFileSystemServer::handler_fileExists(CProxyFileSystemServer& server, CDataInStream& in,
                                                 CDataOutStream& out) {
-  TargetLoc loc = server.readTarget(in, CShareConfinement::FollowLinks);
-  out.writeBool(loc.fileSystem->fileExists(loc.uri));
+  Found found;
+  const TargetLoc loc = server.readExistenceTarget(in, found);
+  // The local file system counts anything but a folder as a file.
+  out.writeBool(found == CShareConfinement::FoundUnknown
+                    ? loc.fileSystem->fileExists(loc.uri)
+                    : found == CShareConfinement::FoundFile || found == CShareConfinement::FoundOther);
 }
 
 void CProxyFileSystemServer::handler_folderExists(CProxyFileSystemServer& server, CDataInStream& in,
                                                   CDataOutStream& out) {
-  TargetLoc loc = server.readTarget(in, CShareConfinement::FollowLinks);
-  out.writeBool(loc.fileSystem->folderExists(loc.uri));
+  Found found;
+  const TargetLoc loc = server.readExistenceTarget(in, found);
+  out.writeBool(found == CShareConfinement::FoundUnknown ? loc.fileSystem->folderExists(loc.uri)
+                                                         : found == CShareConfinement::FoundFolder);
 }
 
 void CProxyFileSystemServer::handler_pathExists(CProxyFileSystemServer& server, CDataInStream& in,
                                                 CDataOutStream& out) {
-  TargetLoc loc = server.readTarget(in, CShareConfinement::FollowLinks);
-  out.writeBool(loc.fileSystem->pathExists(loc.uri));
+  Found found;
+  const TargetLoc loc = server.readExistenceTarget(in, found);
+  out.writeBool(found == CShareConfinement::FoundUnknown ? loc.fileSystem->pathExists(loc.uri)
+                                                         : found != CShareConfinement::FoundNothing);
 }
 
 void CProxyFileSystemServer::handler_isFolderEmpty(CProxyFileSystemServer& server,

@@ -172,7 +172,13 @@
 //
 // Serving costs: the serving functions block in the read of the next frame
 // itself and read every request into one message and build every response
-// in another, both kept per connection. Read results are read into one
+// in another, both kept per connection. The existence checks (fileExists,
+// folderExists, pathExists) on a share of the local file system itself
+// (CFileSystem, not a class derived from it) whose root is confined are
+// answered by the confinement check, which has just resolved the entry
+// (CShareConfinement::Found), rather than by the file system, which would
+// look the same path up once more; where the check cannot tell what it
+// found (Windows), the file system is asked. Read results are read into one
 // page-aligned buffer kept per connection (handleMessage(), which hands its
 // response to the caller, gives each result a buffer of its own). Where the
 // stream read is a local file with a descriptor and the connection can send
@@ -251,8 +257,6 @@ class ZEL_API CProxyFileSystemServer : public CBase, public CProxyFileSystemBase
   struct TargetLoc {
     P<IFileSystem> fileSystem;
     CURI uri;
-    // The URI as the client named it (normalised).
-    CURI clientURI;
     // Its decoded segments below the share's selector path.
     TArray<String> remainder;
     // Index of the share in the server's list at the time of resolving.
@@ -351,6 +355,8 @@ class ZEL_API CProxyFileSystemServer : public CBase, public CProxyFileSystemBase
   // Reads a URI argument (a string) and resolves it; see the file comment.
   TargetLoc readAndConvertAbsoluteURI(CDataInStream& in);
   TargetLoc convertAbsoluteURI(const CURI& uri);
+  // The resolution of both, without noting the URI as the client's.
+  TargetLoc resolveURI(CURI uri);
   // Fails with "Proxy URIs must be on same filesystem for this
   // functionality." when a and b name different file systems.
   static void verifyOnSameFileSystem(const TargetLoc& a, const TargetLoc& b);
@@ -363,6 +369,8 @@ class ZEL_API CProxyFileSystemServer : public CBase, public CProxyFileSystemBase
   // segment inside the path ("a//b"), and NUL characters. On return path
   // holds the path with normalised separators.
   static void validateAndSecurePath(String& path, bool backslashIsSeparator);
+  // validateAndSecurePath() of a path whose separators are "/" already.
+  static void vetPath(const String& path);
   // The confinement check of loc for an operation of the given kind; nothing
   // for shares without a local root.
   void confine(const TargetLoc& loc, CShareConfinement::Target target);
@@ -374,6 +382,10 @@ class ZEL_API CProxyFileSystemServer : public CBase, public CProxyFileSystemBase
   // comment). followed: links were followed (and so stayed inside).
   P<IFileInfoBase> clientInfo(const TargetLoc& loc, const TArray<String>& components,
                               const P<IFileInfoBase>& info, bool followed);
+  // Whether the running request's client sent value: one of its texts, or
+  // the normalised text or decoded path of one of its URIs (those texts
+  // among them that are URIs).
+  bool isClientText(const String& value) const;
   // error as the client may see it after a request that reached the shares
   // of mappings (see the file comment).
   P<CError> clientError(const CError& error, const TArray<P<CShareMapping>>& mappings) const;
@@ -544,6 +556,10 @@ class ZEL_API CProxyFileSystemServer : public CBase, public CProxyFileSystemBase
                         bool rebase);
   // Reads one argument URI, resolves and confines it.
   TargetLoc readTarget(CDataInStream& in, CShareConfinement::Target target);
+  // readTarget for an existence check; found receives what the confinement
+  // check found where it answers for the share's file system, else
+  // FoundUnknown.
+  TargetLoc readExistenceTarget(CDataInStream& in, CShareConfinement::Found& found);
   // Reads two argument URIs, resolves them into one file system and confines
   // them.
   void readTwoTargets(CDataInStream& in, CShareConfinement::Target first,
@@ -575,11 +591,12 @@ class ZEL_API CProxyFileSystemServer : public CBase, public CProxyFileSystemBase
 
   // What the running request did: the handles it registered, the finished
   // background operations its response reports, the rebasing shares it
-  // reached and the location texts the client sent.
+  // reached, and the location texts and URIs the client sent.
   TArray<int64> m_requestRegistered;
   TArray<int64> m_requestReported;
   TArray<P<CShareMapping>> m_requestMappings;
   TArray<String> m_requestClientTexts;
+  TArray<CURI> m_requestClientURIs;
   int64 m_responseStart = 0;
 
   P<CLoginManager> m_loginManager;

@@ -2,7 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#ifndef _WIN32
+#include <sys/stat.h>
+#endif
+
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <functional>
@@ -352,6 +357,49 @@ TEST_P(ProxyFileSystemTest, SubDataStreamsAndNativeMetaData) {
   P<IFileSystem::CNativeMetaData> meta = m_proxy->getNativeMetaData(file, true, String());
   ASSERT_TRUE(meta);
   EXPECT_TRUE(*meta == *local);
+}
+
+// The existence checks of a confined share of the local file system are
+// answered by the confinement check: the answers must be the local file
+// system's, for names in the shared folder and below it, through links, and
+// for entries that are neither files nor folders.
+TEST_P(ProxyFileSystemTest, ExistenceChecksAnswerAsTheLocalFileSystem) {
+  struct Case {
+    CURI uri;
+    bool file;
+    bool folder;
+  };
+  m_local->createFolder(uri("d"), 0);
+  writeFile(uri("f.txt"), "x");
+  writeFile(uri("d").append("g.txt"), "x");
+  std::vector<Case> cases = {
+      {root(), false, true},
+      {uri("f.txt"), true, false},
+      {uri("d"), false, true},
+      {uri("d").append("g.txt"), true, false},
+      {uri("none"), false, false},
+      {uri("d").append("none"), false, false},
+      {uri("f.txt").append("x"), false, false},
+  };
+#ifndef _WIN32
+  m_local->createFileSymLink(uri("lf"), uri("f.txt"));
+  m_local->createFolderSymLink(uri("ld"), uri("d"));
+  const std::string fifo = (m_folder + "/fifo").toStdUTF8();
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0) << std::strerror(errno);
+  cases.push_back({uri("lf"), true, false});
+  cases.push_back({uri("ld"), false, true});
+  cases.push_back({uri("ld").append("g.txt"), true, false});
+  // The local file system counts anything but a folder as a file.
+  cases.push_back({uri("fifo"), true, false});
+#endif
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.uri.toString().toStdUTF8());
+    EXPECT_EQ(m_local->fileExists(c.uri), c.file);
+    EXPECT_EQ(m_local->folderExists(c.uri), c.folder);
+    EXPECT_EQ(m_proxy->fileExists(c.uri), c.file);
+    EXPECT_EQ(m_proxy->folderExists(c.uri), c.folder);
+    EXPECT_EQ(m_proxy->pathExists(c.uri), c.file || c.folder);
+  }
 }
 
 TEST_P(ProxyFileSystemTest, SymbolicLinks) {

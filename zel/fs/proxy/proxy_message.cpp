@@ -33,16 +33,22 @@ CProxyFileSystemMessage::~CProxyFileSystemMessage() = default;
 P<CDataOutStream> CProxyFileSystemMessage::clearAndOpenOutStream() {
   m_buffer->resize(kHeader);
   m_bulk = TConstBufferSlice<unsigned char>();
-  P<CBufferStream> stream = createObject<CBufferStream>(m_buffer);
-  stream->seek(kHeader);
-  return createObject<CDataOutStream>(stream.get());
+  if (!m_out || m_outBuffer->isClosed()) {
+    m_outBuffer = createObject<CBufferStream>(m_buffer);
+    m_out = createObject<CDataOutStream>(m_outBuffer.get());
+  }
+  m_outBuffer->seek(kHeader);
+  return m_out;
 }
 
 P<CDataInStream> CProxyFileSystemMessage::openInStream() {
   if (m_bulk.isEmpty()) {
-    P<CBufferStream> payload = createObject<CBufferStream>(m_buffer, true);
-    payload->seek(kHeader);
-    return createObject<CDataInStream>(payload.get());
+    if (!m_in || m_inBuffer->isClosed()) {
+      m_inBuffer = createObject<CBufferStream>(m_buffer, true);
+      m_in = createObject<CDataInStream>(m_inBuffer.get());
+    }
+    m_inBuffer->seek(kHeader);
+    return m_in;
   }
   // Receivers of bulk data read it straight from the connection; a message
   // with a tail is read back only by tests and tools, so a copy is fine.
@@ -106,6 +112,10 @@ P<CProxyFileSystemMessage> CProxyFileSystemMessage::readIfAvailable(IInStream& i
 int CProxyFileSystemMessage::readFrameLength(IInStream& in, int maxFrameLength) {
   unsigned char field[kHeader];
   in.read(field, kHeader);
+  return decodeFrameLength(field, maxFrameLength);
+}
+
+int CProxyFileSystemMessage::decodeFrameLength(const unsigned char* field, int maxFrameLength) {
   const int length = decodeLength(field);
   checkLength(length, maxFrameLength);
   return length;

@@ -15,6 +15,7 @@
 #include "zel/core/buffer.h"
 #include "zel/core/export.h"
 #include "zel/fs/proxy/proxy_protocol.h"
+#include "zel/stream/buffer_stream.h"
 #include "zel/stream/data_stream.h"
 #include "zel/stream/stream.h"
 
@@ -28,9 +29,12 @@ class ZEL_API CProxyFileSystemMessage : public CBase {
   ~CProxyFileSystemMessage() override;
 
   // Empties the message (payload and tail) and returns a stream that appends
-  // to the payload.
+  // to the payload. The stream is the message's own, made once: every call
+  // returns it again.
   P<CDataOutStream> clearAndOpenOutStream();
-  // A stream reading the payload, then the tail, from the start.
+  // A stream reading the payload, then the tail, from the start. Without a
+  // tail the stream is the message's own, made once: every call returns it
+  // again, positioned at the start.
   P<CDataInStream> openInStream();
 
   // The payload length including the tail.
@@ -66,6 +70,10 @@ class ZEL_API CProxyFileSystemMessage : public CBase {
   // themselves.
   static int readFrameLength(IInStream& in,
                              int maxFrameLength = CProxyFileSystemBase::kDefaultMaxFrameLength);
+  // The value of a 4-byte length field read by the caller, checked as
+  // readFrameLength() does.
+  static int decodeFrameLength(const unsigned char* field,
+                               int maxFrameLength = CProxyFileSystemBase::kDefaultMaxFrameLength);
   // Reads a payload of length bytes (already checked) into a new message.
   static P<CProxyFileSystemMessage> readPayload(IInStream& in, int length);
   // Reads the next frame into this message, reusing its buffer (a server
@@ -85,6 +93,12 @@ class ZEL_API CProxyFileSystemMessage : public CBase {
 
   P<Buffer> m_buffer;  // kHeader bytes of room for the length, then the payload
   TConstBufferSlice<unsigned char> m_bulk;
+  // The streams over m_buffer, made on first use: a server reads and writes
+  // one message per request with them.
+  P<CBufferStream> m_outBuffer;
+  P<CDataOutStream> m_out;
+  P<CBufferStream> m_inBuffer;
+  P<CDataInStream> m_in;
 };
 
 }  // namespace zel

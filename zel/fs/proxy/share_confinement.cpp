@@ -38,16 +38,25 @@ CShareConfinement::CShareConfinement(const String& rootPath) : m_rootPath(rootPa
 
 CShareConfinement::~CShareConfinement() { confinement_platform::releaseRoot(m_rootHandle.load()); }
 
-void CShareConfinement::check(const TArray<String>& components, Target target) const {
-  TArray<String> names;
+void CShareConfinement::check(const TArray<String>& components, Target target,
+                              Found* found) const {
+  bool hasEmpty = false;
   for (const String& component : components) {
-    if (component.isEmpty()) continue;
-    if (!isVettedComponent(component)) {
+    if (component.isEmpty()) {
+      hasEmpty = true;
+    } else if (!isVettedComponent(component)) {
       throw CInvalidArgError("CShareConfinement::check",
                              "a path component holds a separator or a NUL character");
     }
-    names.add(component);
   }
+  // Copied only when there are empty components to skip.
+  TArray<String> nonEmpty;
+  if (hasEmpty) {
+    for (const String& component : components) {
+      if (!component.isEmpty()) nonEmpty.add(component);
+    }
+  }
+  const TArray<String>& names = hasEmpty ? nonEmpty : components;
 
   auto refuse = [&]() {
     CProps params;
@@ -61,8 +70,9 @@ void CShareConfinement::check(const TArray<String>& components, Target target) c
   // Removing or replacing the root would let a link take its place.
   if (target == ChangesEntry && names.isEmpty()) refuse();
 
+  if (found) *found = FoundUnknown;
   const confinement_platform::Resolution result =
-      confinement_platform::resolve(m_rootPath, m_rootHandle, names, target == FollowLinks);
+      confinement_platform::resolve(m_rootPath, m_rootHandle, names, target == FollowLinks, found);
   if (result == confinement_platform::Resolution::Escapes) refuse();
 }
 

@@ -63,6 +63,9 @@
 //
 // Linux keeps the root's descriptor (O_PATH) from the first check that finds
 // the root until the confinement is destroyed, so a check costs one openat2.
+// A single name that is not "." or ".." costs one fstatat relative to that
+// descriptor, without following a final link: an entry directly in the root
+// that is not a link lies beneath it, and only a link needs the openat2.
 // A root that is missing at first is looked for again at every check. When a
 // check finds a component missing, the root path is compared with the kept
 // descriptor; if another folder has taken its place since, that folder is
@@ -116,9 +119,25 @@ class ZEL_API CShareConfinement : public CBase {
 
   const String& getRootPath() const { return m_rootPath; }
 
+  // What a check found at the end of the path: the entry it resolved (the
+  // target of a final link for FollowLinks, the entry itself otherwise), or
+  // FoundNothing when a component is missing. FoundUnknown where the check
+  // cannot tell without another step: on Windows, and on Linux where the
+  // path was judged by real paths (the portable method). An existence check
+  // of the local file system can take the answer from here instead of
+  // looking up the path once more.
+  enum Found {
+    FoundUnknown,
+    FoundNothing,
+    FoundFile,
+    FoundFolder,
+    FoundOther,
+  };
+
   // Throws as described above when components (relative to the root) do not
-  // stay beneath it for an operation of the given kind.
-  void check(const TArray<String>& components, Target target) const;
+  // stay beneath it for an operation of the given kind. found (when not
+  // null) receives what the check found.
+  void check(const TArray<String>& components, Target target, Found* found = nullptr) const;
   // As check(), answering instead of throwing: false wherever check() throws
   // (a path that leaves the root, one that cannot be judged, components that
   // are not names).

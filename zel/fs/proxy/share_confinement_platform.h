@@ -10,6 +10,7 @@
 #include "zel/core/containers.h"
 #include "zel/core/string.h"
 #include "zel/core/types.h"
+#include "zel/fs/proxy/share_confinement.h"
 
 namespace zel::confinement_platform {
 
@@ -22,10 +23,13 @@ enum class Resolution {
 // components: vetted, non-empty names. followFinal false takes the last
 // component as it stands (lstat-like). rootHandle: the root's handle kept
 // between calls (-1 while none is open); a backend may open it and store it
-// there, once. Failures of the check itself throw the system error with
-// "func" and "action".
+// there, once. found (when not null) receives what the path led to (see
+// CShareConfinement::Found); it is left as it is where the backend cannot
+// tell without another step. Failures of the check itself throw the system
+// error with "func" and "action".
 Resolution resolve(const String& rootPath, std::atomic<int64>& rootHandle,
-                   const TArray<String>& components, bool followFinal);
+                   const TArray<String>& components, bool followFinal,
+                   CShareConfinement::Found* found);
 
 // Closes a handle resolve() stored (nothing for -1).
 void releaseRoot(int64 rootHandle);

@@ -1,6 +1,7 @@
-// Linux step of CShareConfinement: openat2 with RESOLVE_BENEATH relative to
-// the kept root descriptor, a second look at what it stops at, and the
-// real-path comparison for kernels without it.
+// Linux step of CShareConfinement: one fstatat for a name directly in the
+// root, openat2 with RESOLVE_BENEATH relative to the kept root descriptor for
+// every other path, a second look at what it stops at, and the real-path
+// comparison for kernels without it.
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <sys/stat.h>
@@ -16,6 +17,7 @@
 
 #include "zel/core/error.h"
 #include "zel/core/sys_error.h"
+#include "zel/fs/local_file_system_platform.h"
 #include "zel/fs/proxy/share_confinement_platform.h"
 
 namespace zel::confinement_platform {
@@ -37,11 +39,8 @@ constexpr int kRenameRetries = 16;
   throw CError(getSysErrorMessage(code), CError::errnoErrorDomain(), code, params);
 }
 
-std::string toNative(const String& text) {
-  int length = 0;
-  wxCharBuffer bytes = text.toFileSystemEncoding(&length);
-  return std::string(bytes.data(), static_cast<size_t>(length));
-}
+using fs_platform::toNativePath;
+using Found = CShareConfinement::Found;
 
 class CScopedFd {
  public:
@@ -62,17 +61,30 @@ class CScopedFd {
 
 bool isMissing(int code) { return code == ENOENT || code == ENOTDIR; }
 
+Found foundOf(mode_t mode) {
+  if (S_ISDIR(mode)) return CShareConfinement::FoundFolder;
+  return S_ISREG(mode) ? CShareConfinement::FoundFile : CShareConfinement::FoundOther;
+}
+
+// What the open descriptor fd is, when asked.
+void describe(int fd, Found* found) {
+  struct stat st;
+  if (found && ::fstat(fd, &st) == 0) *found = foundOf(st.st_mode);
+}
+
 // Tri-state answer of openat2: a resolution, or "not available here".
 enum class Openat2Answer { Beneath, Missing, Escapes, Unavailable };
 
-Openat2Answer resolveWithOpenat2(int rootFd, const std::string& relative, bool followFinal) {
+Openat2Answer resolveWithOpenat2(int rootFd, const std::string& relative, bool followFinal,
+                                 Found* found) {
   struct open_how how = {};
   how.flags = O_PATH | O_CLOEXEC | (followFinal ? 0 : O_NOFOLLOW);
   how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
   for (int attempt = 0; attempt < kRenameRetries; ++attempt) {
     const long fd = ::syscall(SYS_openat2, rootFd, relative.c_str(), &how, sizeof how);
     if (fd >= 0) {
-      ::close(static_cast<int>(fd));
+      CScopedFd opened(static_cast<int>(fd));
+      describe(opened.get(), found);
       return Openat2Answer::Beneath;
     }
     const int code = errno;
@@ -124,7 +136,7 @@ Resolution resolvePortable(const std::string& root, const TArray<String>& compon
   int count = components.getCount();
   if (!followFinal && count > 0) --count;  // the entry itself is not resolved
   std::string path = root;
-  for (int i = 0; i < count; ++i) path += "/" + toNative(components[i]);
+  for (int i = 0; i < count; ++i) path += "/" + toNativePath(components[i]);
 
   if (followFinal && count > 0) {
     // A dangling final link: realpath cannot say where it would lead.
@@ -147,7 +159,7 @@ Resolution resolvePortable(const std::string& root, const TArray<String>& compon
     if (count == 0) return Resolution::Missing;
     --count;
     path = root;
-    for (int i = 0; i < count; ++i) path += "/" + toNative(components[i]);
+    for (int i = 0; i < count; ++i) path += "/" + toNativePath(components[i]);
   }
 }
 
@@ -164,8 +176,8 @@ bool descriptorPath(int fd, std::string& real) {
 
 // The second look at a path RESOLVE_BENEATH stopped at: opened the plain way
 // relative to the root, what was reached must lie beneath the root.
-Resolution resolveStopped(int rootFd, const std::string& root, const std::string& relative,
-                          const TArray<String>& components, bool followFinal) {
+Resolution resolveStopped(int rootFd, const String& rootPath, const std::string& relative,
+                          const TArray<String>& components, bool followFinal, Found* found) {
   int rawFd;
   do {
     rawFd = ::openat(rootFd, relative.c_str(),
@@ -178,7 +190,7 @@ Resolution resolveStopped(int rootFd, const std::string& root, const std::string
     // that cannot be searched) counts as leaving, whatever lies there.
     if (!isMissing(code)) return Resolution::Escapes;
     try {
-      return resolvePortable(root, components, followFinal);
+      return resolvePortable(toNativePath(rootPath), components, followFinal);
     } catch (const CError&) {
       return Resolution::Escapes;
     }
@@ -187,9 +199,11 @@ Resolution resolveStopped(int rootFd, const std::string& root, const std::string
   std::string real;
   std::string rootReal;
   if (!descriptorPath(fd.get(), real) || !descriptorPath(rootFd, rootReal)) {
-    return resolvePortable(root, components, followFinal);
+    return resolvePortable(toNativePath(rootPath), components, followFinal);
   }
-  return isBelow(real, rootReal) ? Resolution::Beneath : Resolution::Escapes;
+  if (!isBelow(real, rootReal)) return Resolution::Escapes;
+  describe(fd.get(), found);
+  return Resolution::Beneath;
 }
 
 int openRoot(const std::string& root) {
@@ -214,21 +228,47 @@ bool rootIsCurrent(int rootFd, const std::string& root) {
   return kept.st_dev == now.st_dev && kept.st_ino == now.st_ino;
 }
 
-Resolution resolveFrom(int rootFd, const std::string& root, const TArray<String>& components,
-                       bool followFinal, bool& unavailable) {
+// A single name directly in the root, judged by one lstat relative to the
+// root: nothing on the way to an entry there can leave the root, so anything
+// but a link that the operation follows lies beneath it. False when the name
+// needs the general way ("." and "..", a followed link, a failure that the
+// general way retries or reports).
+bool resolveName(int rootFd, const String& name, bool followFinal, Found* found,
+                 Resolution& result) {
+  const std::string native = toNativePath(name);
+  if (native == "." || native == "..") return false;
+  struct stat st;
+  if (::fstatat(rootFd, native.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (errno != ENOENT) return false;
+    result = Resolution::Missing;
+    return true;
+  }
+  if (followFinal && S_ISLNK(st.st_mode)) return false;
+  if (found) *found = foundOf(st.st_mode);
+  result = Resolution::Beneath;
+  return true;
+}
+
+Resolution resolveFrom(int rootFd, const String& rootPath, const TArray<String>& components,
+                       bool followFinal, Found* found, bool& unavailable) {
+  Resolution result;
+  if (components.getCount() == 1 &&
+      resolveName(rootFd, components[0], followFinal, found, result)) {
+    return result;
+  }
   std::string relative;
   for (const String& component : components) {
     if (!relative.empty()) relative += '/';
-    relative += toNative(component);
+    relative += toNativePath(component);
   }
   if (relative.empty()) relative = ".";
-  switch (resolveWithOpenat2(rootFd, relative, followFinal)) {
+  switch (resolveWithOpenat2(rootFd, relative, followFinal, found)) {
     case Openat2Answer::Beneath:
       return Resolution::Beneath;
     case Openat2Answer::Missing:
       return Resolution::Missing;
     case Openat2Answer::Escapes:
-      return resolveStopped(rootFd, root, relative, components, followFinal);
+      return resolveStopped(rootFd, rootPath, relative, components, followFinal, found);
     case Openat2Answer::Unavailable:
       break;
   }
@@ -239,13 +279,16 @@ Resolution resolveFrom(int rootFd, const std::string& root, const TArray<String>
 }  // namespace
 
 Resolution resolve(const String& rootPath, std::atomic<int64>& rootHandle,
-                   const TArray<String>& components, bool followFinal) {
-  const std::string root = toNative(rootPath);
+                   const TArray<String>& components, bool followFinal, Found* found) {
+  Resolution result = Resolution::Missing;
   if (!g_portable.load(std::memory_order_relaxed)) {
     int64 kept = rootHandle.load(std::memory_order_acquire);
     if (kept < 0) {
-      const int opened = openRoot(root);
-      if (opened < 0) return Resolution::Missing;
+      const int opened = openRoot(toNativePath(rootPath));
+      if (opened < 0) {
+        if (found) *found = CShareConfinement::FoundNothing;
+        return Resolution::Missing;
+      }
       // Another thread may have stored one meanwhile: the first one stays.
       if (rootHandle.compare_exchange_strong(kept, opened, std::memory_order_acq_rel)) {
         kept = opened;
@@ -254,23 +297,31 @@ Resolution resolve(const String& rootPath, std::atomic<int64>& rootHandle,
       }
     }
     bool unavailable = false;
-    Resolution result =
-        resolveFrom(static_cast<int>(kept), root, components, followFinal, unavailable);
-    if (!unavailable) {
-      if (result != Resolution::Missing || rootIsCurrent(static_cast<int>(kept), root)) {
-        return result;
+    result = resolveFrom(static_cast<int>(kept), rootPath, components, followFinal, found,
+                         unavailable);
+    if (!unavailable && result == Resolution::Missing) {
+      const std::string root = toNativePath(rootPath);
+      if (!rootIsCurrent(static_cast<int>(kept), root)) {
+        // Another folder (or none) has taken the root's place: check what the
+        // operation will reach, with a descriptor of this check alone.
+        const int current = openRoot(root);
+        if (current >= 0) {
+          CScopedFd currentFd(current);
+          result = resolveFrom(current, rootPath, components, followFinal, found, unavailable);
+        }
       }
-      // Another folder (or none) has taken the root's place: check what the
-      // operation will reach, with a descriptor of this check alone.
-      const int current = openRoot(root);
-      if (current < 0) return Resolution::Missing;
-      CScopedFd currentFd(current);
-      result = resolveFrom(current, root, components, followFinal, unavailable);
-      if (!unavailable) return result;
+    }
+    if (!unavailable) {
+      if (found && result == Resolution::Missing) *found = CShareConfinement::FoundNothing;
+      return result;
     }
     g_portable.store(true, std::memory_order_relaxed);
   }
-  return resolvePortable(root, components, followFinal);
+  // Real paths say where a path leads, not what it is.
+  if (found) *found = CShareConfinement::FoundUnknown;
+  result = resolvePortable(toNativePath(rootPath), components, followFinal);
+  if (found && result == Resolution::Missing) *found = CShareConfinement::FoundNothing;
+  return result;
 }
 
 void releaseRoot(int64 rootHandle) {

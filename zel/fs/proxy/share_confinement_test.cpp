@@ -6,6 +6,7 @@
 
 #ifndef _WIN32
 #include <dirent.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #endif
 
@@ -105,6 +106,25 @@ TEST_F(ShareConfinementTest, UnvettedComponentsAreAnArgumentError) {
 #else
   // A backslash is an ordinary character of a Linux name.
   EXPECT_FALSE(refused(*m_confinement, parts({"a\\f.txt"}), CShareConfinement::FollowLinks));
+#endif
+}
+
+TEST_F(ShareConfinementTest, SaysWhatItFoundWhereTheSystemTells) {
+  auto found = [&](std::initializer_list<const char*> names) {
+    CShareConfinement::Found result = CShareConfinement::FoundFile;
+    m_confinement->check(parts(names), CShareConfinement::FollowLinks, &result);
+    return result;
+  };
+#ifdef _WIN32
+  // The final path of a handle does not say what the entry is.
+  EXPECT_EQ(found({"a", "f.txt"}), CShareConfinement::FoundUnknown);
+  EXPECT_EQ(found({"a"}), CShareConfinement::FoundUnknown);
+  EXPECT_EQ(found({"none"}), CShareConfinement::FoundUnknown);
+#else
+  EXPECT_EQ(found({"a", "f.txt"}), CShareConfinement::FoundFile);
+  EXPECT_EQ(found({"a"}), CShareConfinement::FoundFolder);
+  EXPECT_EQ(found({"", "a", ""}), CShareConfinement::FoundFolder);
+  EXPECT_EQ(found({"none"}), CShareConfinement::FoundNothing);
 #endif
 }
 
@@ -224,6 +244,49 @@ TEST_P(ShareConfinementLinkTest, AbsoluteLinksThatStayInsideWork) {
   EXPECT_TRUE(refused(*m_confinement, parts({"abs-dangling-in"}), follow));
   EXPECT_FALSE(refused(*m_confinement, parts({"abs-dangling-in"}),
                        CShareConfinement::LinkItself));
+}
+
+TEST_P(ShareConfinementLinkTest, SaysWhatItFound) {
+  using Found = CShareConfinement::Found;
+  const Target follow = CShareConfinement::FollowLinks;
+  const Target itself = CShareConfinement::LinkItself;
+  link(m_root.file("a"), "abs-a");
+  ASSERT_EQ(::mkfifo(native(m_root.file("fifo")).c_str(), 0600), 0);
+  auto found = [&](const TArray<String>& components, Target target) {
+    Found result = CShareConfinement::FoundFile;
+    m_confinement->check(components, target, &result);
+    return result;
+  };
+  // Either method sees a missing component.
+  EXPECT_EQ(found(parts({"none"}), follow), CShareConfinement::FoundNothing);
+  EXPECT_EQ(found(parts({"a", "none", "x"}), follow), CShareConfinement::FoundNothing);
+  EXPECT_EQ(found(parts({"a", "f.txt", "x"}), follow), CShareConfinement::FoundNothing);
+  struct Case {
+    TArray<String> components;
+    Target target;
+    Found kind;
+  };
+  const Case cases[] = {
+      {parts({}), follow, CShareConfinement::FoundFolder},
+      {parts({"a"}), follow, CShareConfinement::FoundFolder},
+      {parts({"a", "f.txt"}), follow, CShareConfinement::FoundFile},
+      {parts({"in.txt"}), follow, CShareConfinement::FoundFile},
+      {parts({"in.txt"}), itself, CShareConfinement::FoundOther},
+      {parts({"chain.txt"}), follow, CShareConfinement::FoundFile},
+      {parts({"a", "up"}), follow, CShareConfinement::FoundFolder},
+      {parts({"a", "up"}), itself, CShareConfinement::FoundOther},
+      {parts({"abs-a"}), follow, CShareConfinement::FoundFolder},
+      {parts({"abs-a", "f.txt"}), follow, CShareConfinement::FoundFile},
+      {parts({"fifo"}), follow, CShareConfinement::FoundOther},
+      {parts({"out"}), itself, CShareConfinement::FoundOther},
+  };
+  for (const Case& c : cases) {
+    String joined;
+    for (const String& name : c.components) joined += "/" + name;
+    // Real paths say where a path leads, not what is there.
+    EXPECT_EQ(found(c.components, c.target), GetParam() ? CShareConfinement::FoundUnknown : c.kind)
+        << joined.toStdUTF8() << (c.target == follow ? " followed" : " itself");
+  }
 }
 
 TEST_P(ShareConfinementLinkTest, DescriptorsDoNotAccumulate) {

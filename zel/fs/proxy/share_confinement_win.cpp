@@ -125,8 +125,9 @@ std::wstring joinPath(const std::wstring& root, const TArray<String>& components
 
 }  // namespace
 
+// What was found is not asked of the system here: FoundUnknown.
 Resolution resolve(const String& rootPath, std::atomic<int64>&, const TArray<String>& components,
-                   bool followFinal) {
+                   bool followFinal, CShareConfinement::Found*) {
   const std::wstring root = rootPath.toStdWString();
   HANDLE raw;
   if (!openEntry(toWin32(root), true, raw)) return Resolution::Missing;
