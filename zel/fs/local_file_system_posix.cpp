@@ -23,6 +23,7 @@
 #include "zel/core/error.h"
 #include "zel/core/sys_error.h"
 #include "zel/fs/local_file_system_platform.h"
+#include "zel/internal/retry_eintr.h"
 #include "zel/path/uri.h"
 #include "zel/stream/stream.h"
 
@@ -45,15 +46,6 @@ std::string toNativePath(const String& path) {
 }
 
 namespace {
-
-template <class F>
-auto retryEINTR(F&& call) -> decltype(call()) {
-  decltype(call()) result;
-  do {
-    result = call();
-  } while (result == -1 && errno == EINTR);
-  return result;
-}
 
 [[noreturn]] void fail(const char* func, const char* action, int code) {
   throwSysError(func, String("fs_platform::") + action, code);

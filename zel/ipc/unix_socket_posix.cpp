@@ -24,6 +24,7 @@
 
 #include "zel/core/error.h"
 #include "zel/core/sys_error.h"
+#include "zel/internal/retry_eintr.h"
 #include "zel/ipc/connection_stream.h"
 #include "zel/ipc/ipc_address.h"
 #include "zel/ipc/pipe_client_open.h"
@@ -33,15 +34,6 @@
 namespace zel {
 
 namespace {
-
-template <class F>
-auto retryEINTR(F&& call) -> decltype(call()) {
-  decltype(call()) result;
-  do {
-    result = call();
-  } while (result == -1 && errno == EINTR);
-  return result;
-}
 
 std::string toNative(const String& path) {
   int length = 0;
