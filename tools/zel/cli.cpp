@@ -7,15 +7,15 @@ namespace zeltool {
 
 namespace {
 
-const OptionSpec* findLong(const std::vector<OptionSpec>& options, const std::string& name) {
-  for (const OptionSpec& option : options) {
+const OptionDef* findLong(const std::vector<OptionDef>& options, const std::string& name) {
+  for (const OptionDef& option : options) {
     if (name == option.name) return &option;
   }
   return nullptr;
 }
 
-const OptionSpec* findShort(const std::vector<OptionSpec>& options, char name) {
-  for (const OptionSpec& option : options) {
+const OptionDef* findShort(const std::vector<OptionDef>& options, char name) {
+  for (const OptionDef& option : options) {
     if (option.shortName != 0 && option.shortName == name) return &option;
   }
   return nullptr;
@@ -23,19 +23,19 @@ const OptionSpec* findShort(const std::vector<OptionSpec>& options, char name) {
 
 zel::String quoted(const zel::String& text) { return "'" + text + "'"; }
 
-std::string optionLabel(const OptionSpec& option) {
+std::string optionLabel(const OptionDef& option) {
   std::string label = option.shortName ? std::string("-") + option.shortName + ", " : "    ";
   label += std::string("--") + option.name;
   if (option.valueName) label += std::string(" ") + option.valueName;
   return label;
 }
 
-void appendOptions(std::string& text, const char* title, const std::vector<OptionSpec>& options) {
+void appendOptions(std::string& text, const char* title, const std::vector<OptionDef>& options) {
   if (options.empty()) return;
   size_t width = 0;
-  for (const OptionSpec& option : options) width = std::max(width, optionLabel(option).size());
+  for (const OptionDef& option : options) width = std::max(width, optionLabel(option).size());
   text += std::string("\n") + title + ":\n";
-  for (const OptionSpec& option : options) {
+  for (const OptionDef& option : options) {
     const std::string label = optionLabel(option);
     text += "  " + label + std::string(width - label.size() + 2, ' ') + option.help + "\n";
   }
@@ -64,7 +64,7 @@ Args CParsedArgs::getValues(const char* name) const {
   return values;
 }
 
-CParsedArgs parseArgs(const Args& args, const std::vector<OptionSpec>& options,
+CParsedArgs parseArgs(const Args& args, const std::vector<OptionDef>& options,
                       bool stopAtFirstOperand) {
   CParsedArgs parsed;
   bool optionsEnded = false;
@@ -90,7 +90,7 @@ CParsedArgs parseArgs(const Args& args, const std::vector<OptionSpec>& options,
           zel::String(
               text.substr(2, equals == std::wstring::npos ? std::wstring::npos : equals - 2))
               .toStdUTF8();
-      const OptionSpec* option = findLong(options, name);
+      const OptionDef* option = findLong(options, name);
       if (!option)
         throw CUsageError("unknown option " + quoted(zel::String(text.substr(0, equals))));
       if (!option->valueName) {
@@ -112,7 +112,7 @@ CParsedArgs parseArgs(const Args& args, const std::vector<OptionSpec>& options,
     // (the rest of the word or the next argument).
     for (size_t at = 1; at < text.size(); ++at) {
       const wchar_t letter = text[at];
-      const OptionSpec* option =
+      const OptionDef* option =
           letter < 128 ? findShort(options, static_cast<char>(letter)) : nullptr;
       if (!option)
         throw CUsageError("unknown option " + quoted("-" + zel::String(text.substr(at, 1))));
@@ -134,8 +134,8 @@ CParsedArgs parseArgs(const Args& args, const std::vector<OptionSpec>& options,
   return parsed;
 }
 
-const std::vector<OptionSpec>& commonOptions() {
-  static const std::vector<OptionSpec> options = {
+const std::vector<OptionDef>& commonOptions() {
+  static const std::vector<OptionDef> options = {
       {"help", 'h', nullptr, "show this help and exit"},
       {"quiet", 'q', nullptr, "no progress and no notices, only errors"},
       {"verbose", 'v', nullptr, "more detail: whole error descriptions, the library's notices"},
@@ -144,18 +144,18 @@ const std::vector<OptionSpec>& commonOptions() {
   return options;
 }
 
-const OptionSpec& jsonOption() {
-  static const OptionSpec option{"json", 0, nullptr, "print the result as JSON (sizes in bytes)"};
+const OptionDef& jsonOption() {
+  static const OptionDef option{"json", 0, nullptr, "print the result as JSON (sizes in bytes)"};
   return option;
 }
 
-const OptionSpec& bytesOption() {
-  static const OptionSpec option{"bytes", 'b', nullptr, "sizes in bytes rather than 1.5K, 12M ..."};
+const OptionDef& bytesOption() {
+  static const OptionDef option{"bytes", 'b', nullptr, "sizes in bytes rather than 1.5K, 12M ..."};
   return option;
 }
 
-std::string commandHelp(const char* program, const CommandSpec& command,
-                        const std::vector<OptionSpec>& groupOptions) {
+std::string commandHelp(const char* program, const CommandDef& command,
+                        const std::vector<OptionDef>& groupOptions) {
   std::string text = std::string("usage: ") + program + " " + command.name + " [options]";
   if (command.operands && *command.operands) text += std::string(" ") + command.operands;
   text += std::string("\n\n") + command.summary + "\n";
@@ -168,14 +168,14 @@ std::string commandHelp(const char* program, const CommandSpec& command,
 }
 
 std::string groupHelp(const char* program, const char* synopsis, const char* summary,
-                      const std::vector<OptionSpec>& groupOptions,
-                      const std::vector<CommandSpec>& commands, const char* footer) {
+                      const std::vector<OptionDef>& groupOptions,
+                      const std::vector<CommandDef>& commands, const char* footer) {
   std::string text = std::string("usage: ") + program + " " + synopsis + "\n\n" + summary + "\n";
   appendOptions(text, "options", groupOptions);
   size_t width = 0;
-  for (const CommandSpec& command : commands) width = std::max(width, std::strlen(command.name));
+  for (const CommandDef& command : commands) width = std::max(width, std::strlen(command.name));
   text += "\ncommands:\n";
-  for (const CommandSpec& command : commands) {
+  for (const CommandDef& command : commands) {
     text += std::string("  ") + command.name +
             std::string(width - std::strlen(command.name) + 2, ' ') + command.summary + "\n";
   }
@@ -183,15 +183,15 @@ std::string groupHelp(const char* program, const char* synopsis, const char* sum
   return text;
 }
 
-const CommandSpec* findCommand(const std::vector<CommandSpec>& commands, const zel::String& name) {
-  for (const CommandSpec& command : commands) {
+const CommandDef* findCommand(const std::vector<CommandDef>& commands, const zel::String& name) {
+  for (const CommandDef& command : commands) {
     if (name == command.name) return &command;
   }
   return nullptr;
 }
 
-CParsedArgs parseCommandArgs(const CommandSpec& command, const Args& args) {
-  std::vector<OptionSpec> options = command.options;
+CParsedArgs parseCommandArgs(const CommandDef& command, const Args& args) {
+  std::vector<OptionDef> options = command.options;
   options.insert(options.end(), commonOptions().begin(), commonOptions().end());
   CParsedArgs parsed = parseArgs(args, options);
   if (parsed.has("help")) return parsed;

@@ -30,7 +30,7 @@ class CUsageError : public std::exception {
   zel::String m_text;
 };
 
-struct OptionSpec {
+struct OptionDef {
   const char* name;       // the long name, without "--"
   char shortName;         // 0: none
   const char* valueName;  // null for a flag
@@ -49,7 +49,7 @@ class CParsedArgs {
   const Args& getRest() const { return m_rest; }
 
  private:
-  friend CParsedArgs parseArgs(const Args&, const std::vector<OptionSpec>&, bool);
+  friend CParsedArgs parseArgs(const Args&, const std::vector<OptionDef>&, bool);
   std::vector<std::pair<std::string, zel::String>> m_options;
   Args m_operands;
   Args m_rest;
@@ -59,18 +59,18 @@ class CParsedArgs {
 // ends parsing: it is the only operand, and everything after it is left in
 // getRest(). Throws CUsageError naming an unknown option, a missing value or
 // a value given to a flag.
-CParsedArgs parseArgs(const Args& args, const std::vector<OptionSpec>& options,
+CParsedArgs parseArgs(const Args& args, const std::vector<OptionDef>& options,
                       bool stopAtFirstOperand = false);
 
 class CCommandContext;
 
 // One command: its words, options, operands and what runs it.
-struct CommandSpec {
+struct CommandDef {
   const char* name;
   const char* operands;  // the operands as the synopsis shows them ("REMOTE [LOCAL]")
   const char* summary;   // one line for lists of commands
   const char* details;   // more text for the command's help; may be null
-  std::vector<OptionSpec> options;
+  std::vector<OptionDef> options;
   int minOperands;
   int maxOperands;  // -1: any number
   int (*run)(CCommandContext& context);
@@ -84,26 +84,26 @@ struct CommandSpec {
 };
 
 // Options every command takes.
-const std::vector<OptionSpec>& commonOptions();
+const std::vector<OptionDef>& commonOptions();
 // The --json option of commands that print data.
-const OptionSpec& jsonOption();
+const OptionDef& jsonOption();
 // The -b/--bytes option of commands that print sizes.
-const OptionSpec& bytesOption();
+const OptionDef& bytesOption();
 
 // "usage: PROGRAM [options] OPERANDS", the summary, details and options.
-std::string commandHelp(const char* program, const CommandSpec& command,
-                        const std::vector<OptionSpec>& groupOptions = {});
+std::string commandHelp(const char* program, const CommandDef& command,
+                        const std::vector<OptionDef>& groupOptions = {});
 // The help of a group of commands: its synopsis, its own options and one line
 // per command.
 std::string groupHelp(const char* program, const char* synopsis, const char* summary,
-                      const std::vector<OptionSpec>& groupOptions,
-                      const std::vector<CommandSpec>& commands, const char* footer);
+                      const std::vector<OptionDef>& groupOptions,
+                      const std::vector<CommandDef>& commands, const char* footer);
 
 // The command named name, or null.
-const CommandSpec* findCommand(const std::vector<CommandSpec>& commands, const zel::String& name);
+const CommandDef* findCommand(const std::vector<CommandDef>& commands, const zel::String& name);
 
 // Parses a command's arguments (its options, the common ones included) and
 // checks the number of operands; throws CUsageError.
-CParsedArgs parseCommandArgs(const CommandSpec& command, const Args& args);
+CParsedArgs parseCommandArgs(const CommandDef& command, const Args& args);
 
 }  // namespace zeltool

@@ -4,8 +4,8 @@
 
 namespace zeltool {
 
-const std::vector<CommandSpec>& toolCommands() {
-  static const std::vector<CommandSpec> commands = {
+const std::vector<CommandDef>& toolCommands() {
+  static const std::vector<CommandDef> commands = {
       infoCommand(),
       serveCommand(),
       fsCommand(),
@@ -14,7 +14,7 @@ const std::vector<CommandSpec>& toolCommands() {
   return commands;
 }
 
-int runCommand(const std::string& parent, const CommandSpec& command, const Args& args,
+int runCommand(const std::string& parent, const CommandDef& command, const Args& args,
                const char* logName, const RunOptions& options) {
   CCommandContext context;
   context.program = options.program.empty() ? parent + " " + command.name : options.program;

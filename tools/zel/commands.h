@@ -54,7 +54,7 @@ struct RunOptions {
   // The options of the group before the command (`zel fs --address`), for
   // the help text, and their parsed values (common options given there
   // count for the command too).
-  std::vector<OptionSpec> groupOptions;
+  std::vector<OptionDef> groupOptions;
   const CParsedArgs* groupArgs = nullptr;
   // Runs after the arguments are parsed and before the command (`zel fs`
   // sets up the server's connection here).
@@ -64,21 +64,21 @@ struct RunOptions {
 // Parses args for command and runs it. parent is what precedes the
 // command's name in its help ("zel", "zel fs"); logName names the log
 // folder (tool.h), none when null.
-int runCommand(const std::string& parent, const CommandSpec& command, const Args& args,
+int runCommand(const std::string& parent, const CommandDef& command, const Args& args,
                const char* logName, const RunOptions& options = RunOptions());
 
 // The commands.
-CommandSpec infoCommand();
-CommandSpec serveCommand();
-CommandSpec demoCommand();
-CommandSpec fsCommand();
-CommandSpec fsListCommand();
-CommandSpec fsStatCommand();
-CommandSpec fsGetCommand();
-CommandSpec fsPutCommand();
-CommandSpec fsMkdirCommand();
-CommandSpec fsRemoveCommand();
-CommandSpec fsMoveCommand();
-CommandSpec fsSpaceCommand();
+CommandDef infoCommand();
+CommandDef serveCommand();
+CommandDef demoCommand();
+CommandDef fsCommand();
+CommandDef fsListCommand();
+CommandDef fsStatCommand();
+CommandDef fsGetCommand();
+CommandDef fsPutCommand();
+CommandDef fsMkdirCommand();
+CommandDef fsRemoveCommand();
+CommandDef fsMoveCommand();
+CommandDef fsSpaceCommand();
 
 }  // namespace zeltool

@@ -163,19 +163,19 @@ int runDemo(CCommandContext& context) {
 
 }  // namespace
 
-CommandSpec demoCommand() {
-  CommandSpec spec{"demo",
-                   "",
-                   "a server process and a client session against it, step by step",
-                   "Starts `zel serve` on a temporary folder as a second process, then creates a\n"
-                   "folder, writes 8 MiB, lists, reads back and compares, stores in the\n"
-                   "background, moves and deletes through it, printing each step and its time.\n",
-                   {},
-                   0,
-                   0,
-                   &runDemo};
-  spec.showsLibraryNotices = true;
-  return spec;
+CommandDef demoCommand() {
+  CommandDef command{"demo",
+                     "",
+                     "a server process and a client session against it, step by step",
+                     "Starts `zel serve` on a temporary folder as a second process, then creates a\n"
+                     "folder, writes 8 MiB, lists, reads back and compares, stores in the\n"
+                     "background, moves and deletes through it, printing each step and its time.\n",
+                     {},
+                     0,
+                     0,
+                     &runDemo};
+  command.showsLibraryNotices = true;
+  return command;
 }
 
 }  // namespace zeltool

@@ -13,8 +13,8 @@ namespace {
 
 const char kProgram[] = "zel fs";
 
-const std::vector<OptionSpec>& fsOptions() {
-  static const std::vector<OptionSpec> options = {
+const std::vector<OptionDef>& fsOptions() {
+  static const std::vector<OptionDef> options = {
       {"address", 'a', "NAME", "the server's address name (default: fs)"},
       {"global", 0, nullptr, "the address is global (a server started with --global)"},
   };
@@ -33,7 +33,7 @@ std::string fsHelp() {
 int runFs(const Args& args) {
   COutput out;
   return guarded(kProgram, out, [&]() -> int {
-    std::vector<OptionSpec> options = fsOptions();
+    std::vector<OptionDef> options = fsOptions();
     options.insert(options.end(), commonOptions().begin(), commonOptions().end());
     const CParsedArgs group = parseArgs(args, options, true);
     out = COutput::fromArgs(group);
@@ -44,7 +44,7 @@ int runFs(const Args& args) {
     if (group.getOperands().empty()) throw CUsageError("missing command; see 'zel fs --help'");
     const zel::String& name = group.getOperands()[0];
     Args rest = group.getRest();
-    const CommandSpec* command = findCommand(fsCommands(), name);
+    const CommandDef* command = findCommand(fsCommands(), name);
     if (name == "help") {
       if (rest.empty()) {
         printOut(fsHelp());
@@ -91,25 +91,25 @@ int runFs(const Args& args) {
 
 }  // namespace
 
-const std::vector<CommandSpec>& fsCommands() {
-  static const std::vector<CommandSpec> commands = {
+const std::vector<CommandDef>& fsCommands() {
+  static const std::vector<CommandDef> commands = {
       fsListCommand(),  fsStatCommand(),   fsGetCommand(),  fsPutCommand(),
       fsMkdirCommand(), fsRemoveCommand(), fsMoveCommand(), fsSpaceCommand(),
   };
   return commands;
 }
 
-CommandSpec fsCommand() {
-  CommandSpec spec{"fs",
-                   "[options] COMMAND [ARGS]",
-                   "use a running server: ls, stat, get, put, mkdir, rm, mv, df",
-                   nullptr,
-                   {},
-                   0,
-                   -1,
-                   nullptr};
-  spec.runGroup = &runFs;
-  return spec;
+CommandDef fsCommand() {
+  CommandDef command{"fs",
+                     "[options] COMMAND [ARGS]",
+                     "use a running server: ls, stat, get, put, mkdir, rm, mv, df",
+                     nullptr,
+                     {},
+                     0,
+                     -1,
+                     nullptr};
+  command.runGroup = &runFs;
+  return command;
 }
 
 CRemotePath remoteOperand(const CCommandContext& context, size_t index) {

@@ -59,18 +59,18 @@ int runMove(CCommandContext& context) {
 
 }  // namespace
 
-CommandSpec fsMkdirCommand() {
+CommandDef fsMkdirCommand() {
   return {"mkdir", "REMOTE...", "create folders (and missing parents; existing ones are fine)",
           nullptr, {},          1,
           -1,      &runMkdir};
 }
 
-CommandSpec fsRemoveCommand() {
+CommandDef fsRemoveCommand() {
   return {"rm", "REMOTE...", "delete files, links and empty folders", nullptr, {}, 1,
           -1,   &runRemove};
 }
 
-CommandSpec fsMoveCommand() {
+CommandDef fsMoveCommand() {
   return {"mv",
           "FROM TO",
           "move or rename; into TO when TO is a folder",

@@ -143,7 +143,7 @@ int runStat(CCommandContext& context) {
 
 }  // namespace
 
-CommandSpec fsListCommand() {
+CommandDef fsListCommand() {
   return {"ls",
           "[REMOTE]",
           "list a folder (sorted, links marked); '/' or nothing: the shares",
@@ -155,7 +155,7 @@ CommandSpec fsListCommand() {
           &runList};
 }
 
-CommandSpec fsStatCommand() {
+CommandDef fsStatCommand() {
   return {"stat",
           "REMOTE",
           "information on a file or folder (links are not followed)",

@@ -79,7 +79,7 @@ int runSpace(CCommandContext& context) {
 
 }  // namespace
 
-CommandSpec fsSpaceCommand() {
+CommandDef fsSpaceCommand() {
   return {"df",
           "[REMOTE...]",
           "total, used and free space where REMOTE lies; no REMOTE: every share",

@@ -166,7 +166,7 @@ int runPut(CCommandContext& context) {
 
 }  // namespace
 
-CommandSpec fsGetCommand() {
+CommandDef fsGetCommand() {
   return {"get",
           "REMOTE [LOCAL]",
           "copy a file from the server",
@@ -179,7 +179,7 @@ CommandSpec fsGetCommand() {
           &runGet};
 }
 
-CommandSpec fsPutCommand() {
+CommandDef fsPutCommand() {
   return {"put",
           "LOCAL REMOTE",
           "copy a file to the server",

@@ -62,7 +62,7 @@ int runInfo(CCommandContext& context) {
 
 }  // namespace
 
-CommandSpec infoCommand() {
+CommandDef infoCommand() {
   return {"info",
           "",
           "library version, platform and a self-check",

@@ -28,8 +28,8 @@ namespace zeltool {
 
 namespace {
 
-const std::vector<OptionSpec>& topOptions() {
-  static const std::vector<OptionSpec> options = {
+const std::vector<OptionDef>& topOptions() {
+  static const std::vector<OptionDef> options = {
       {"help", 'h', nullptr, "show this help and exit"},
       {"version", 0, nullptr, "show the version and exit"},
   };
@@ -49,7 +49,7 @@ int runHelp(const Args& words) {
     printOut(topHelp());
     return ExitSuccess;
   }
-  const CommandSpec* command = findCommand(toolCommands(), words[0]);
+  const CommandDef* command = findCommand(toolCommands(), words[0]);
   if (!command) throw CUsageError("unknown command '" + words[0] + "'; see 'zel --help'");
   Args args(words.begin() + 1, words.end());
   args.push_back("--help");
@@ -71,7 +71,7 @@ int runTool(const Args& args) {
     }
     const zel::String& name = top.getOperands()[0];
     if (name == "help") return runHelp(top.getRest());
-    const CommandSpec* command = findCommand(toolCommands(), name);
+    const CommandDef* command = findCommand(toolCommands(), name);
     if (!command) throw CUsageError("unknown command '" + name + "'; see 'zel --help'");
     if (command->runGroup) return command->runGroup(top.getRest());
     return runCommand("zel", *command, top.getRest(), command->name);

@@ -163,8 +163,8 @@ int runServe(CCommandContext& context) {
 
 }  // namespace
 
-CommandSpec serveCommand() {
-  CommandSpec spec{
+CommandDef serveCommand() {
+  CommandDef command{
       "serve",
       "--share NAME=FOLDER [--share NAME=FOLDER ...]",
       "share folders with other processes until stopped",
@@ -182,8 +182,8 @@ CommandSpec serveCommand() {
       0,
       0,
       &runServe};
-  spec.showsLibraryNotices = true;
-  return spec;
+  command.showsLibraryNotices = true;
+  return command;
 }
 
 }  // namespace zeltool

@@ -1,6 +1,6 @@
 // Shared pieces of the zel command-line tool's commands.
 //
-// A command is a CommandSpec (cli.h: name, operands, options, help) and a
+// A command is a CommandDef (cli.h: name, operands, options, help) and a
 // function that gets a CCommandContext with everything parsed and checked.
 // It prints data with output.h, throws CFailure (failure.h) or CError for
 // failures and CUsageError for mistakes in the arguments; main turns those
@@ -38,8 +38,8 @@ struct CCommandContext {
 };
 
 // The top-level commands, and the commands of `zel fs`.
-const std::vector<CommandSpec>& toolCommands();
-const std::vector<CommandSpec>& fsCommands();
+const std::vector<CommandDef>& toolCommands();
+const std::vector<CommandDef>& fsCommands();
 
 // The tool's log for the life of a command: with --verbose every entry
 // goes to standard error, with showNotices its warnings and errors do, with
